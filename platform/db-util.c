@@ -1,0 +1,57 @@
+#include "db-util.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+/* How long a connection waits for another process's write lock. */
+#define DB_UTIL_BUSY_TIMEOUT_MS 10000
+
+/* Creates every missing folder above the file at path. */
+static int make_parent_dirs(const char* path)
+{
+    char* copy = strdup(path);
+    if (copy == NULL)
+        return -1;
+    for (char* p = copy + 1; *p != '\0'; ++p) {
+        if (*p != '/')
+            continue;
+        *p = '\0';
+        if (mkdir(copy, 0755) != 0 && errno != EEXIST) {
+            free(copy);
+            return -1;
+        }
+        *p = '/';
+    }
+    free(copy);
+    return 0;
+}
+
+int db_util_open(const char* path, sqlite3** handle, int option)
+{
+    (void)option;
+    if (handle == NULL)
+        return SQLITE_MISUSE;
+    *handle = NULL;
+    if (path == NULL || path[0] == '\0')
+        return SQLITE_MISUSE;
+    if (make_parent_dirs(path) != 0)
+        return SQLITE_CANTOPEN;
+
+    sqlite3* db = NULL;
+    int rc = sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, NULL);
+    if (rc == SQLITE_OK)
+        rc = sqlite3_busy_timeout(db, DB_UTIL_BUSY_TIMEOUT_MS);
+    /* WAL: a row costs one log append, and readers never block the writer. */
+    if (rc == SQLITE_OK)
+        rc = sqlite3_exec(db, "PRAGMA journal_mode=WAL;", NULL, NULL, NULL);
+    if (rc == SQLITE_OK)
+        rc = sqlite3_exec(db, "PRAGMA synchronous=NORMAL;", NULL, NULL, NULL);
+    if (rc != SQLITE_OK) {
+        sqlite3_close(db);
+        return rc != 0 ? rc : SQLITE_ERROR;
+    }
+    *handle = db;
+    return 0;
+}

@@ -1,0 +1,65 @@
+/* The persistent URL cache: one SQLite table shared by every process. */
+#ifndef URL_CACHE_MANAGER_H
+#define URL_CACHE_MANAGER_H
+
+#define UD_CACHE_EXPORT __attribute__((visibility("default")))
+
+#define URL_CACHE_DB_PATH "/opt/dbspace/.urlcache.db"
+#define URL_CACHE_TABLE_NAME "qeturlcache"
+/* Budget over the recorded file sizes, its half, and the rows one trim reads. */
+#define URL_CACHE_MAX_SIZE 0xA00000L
+#define URL_CACHE_HALF_SIZE 0x500000L
+#define URL_CACHE_CLEAN_BATCH 100
+
+/* Plain record from which an admission builds a UrlCache; owns nothing. */
+typedef struct _url_downloader_cache {
+    int id;
+    char* url;
+    char* filepath;
+    long filesize;
+    long downloadtime;
+    long expirytime;
+    char* appname;
+} url_downloader_cache;
+
+/* One cache row; owns its three strings. */
+class UD_CACHE_EXPORT UrlCache {
+public:
+    UrlCache();
+    explicit UrlCache(url_downloader_cache* source);
+    UrlCache(const UrlCache& other);
+    UrlCache& operator=(const UrlCache& other);
+    ~UrlCache();
+
+    int id;
+    char* url;
+    char* filepath;
+    long filesize;
+    long downloadtime;
+    long expirytime;
+    char* appname;
+};
+
+/* The process's single access point to the cache table. */
+class UD_CACHE_EXPORT URLCacheManager {
+public:
+    static URLCacheManager* getInstance();
+
+    bool addUrlCache(UrlCache& cache);
+    bool updateUrlCache(UrlCache& cache);
+    bool deleteUrlCache(int id);
+    bool deleteUrlCache(char* appName);
+    UrlCache* findUrlCache(char* url);
+    UrlCache* getUrlCache(int id);
+    long getUrlCacheSize();
+    long cleanUrlCache();
+
+    static URLCacheManager* instance;
+
+private:
+    URLCacheManager();
+    URLCacheManager(const URLCacheManager&) = delete;
+    URLCacheManager& operator=(const URLCacheManager&) = delete;
+};
+
+#endif

@@ -1,0 +1,103 @@
+#include "url-downloader-private.h"
+
+namespace {
+pthread_mutex_t list_write_lock;
+bool list_write_lock_initialised;
+pthread_mutex_t pipe_write_lock;
+bool pipe_write_lock_initialised;
+
+url_downloader_error init_recursive(pthread_mutex_t* mutex, bool* initialised)
+{
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+    int status = pthread_mutex_init(mutex, &attr);
+    pthread_mutexattr_destroy(&attr);
+    if (status != 0) {
+        UD_ERROR_AS("url_downloader_mutex_utility", "pthread_mutex_init failed, status=[%d]\n", status);
+        return URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED;
+    }
+    *initialised = true;
+    return URL_DOWNLOADER_ERROR_NONE;
+}
+
+bool named_lock_operation(pthread_mutex_t* mutex, bool* initialised, const char* func, const char* lock_name,
+                          url_downloader_mutex_operation_t operation, url_downloader_error* error)
+{
+    if (error == NULL) {
+        UD_ERROR_AS(func, "Provided error-code is NULL");
+        return false;
+    }
+    *error = url_downloader_mutex_utility(mutex, initialised, operation);
+    if (*error != URL_DOWNLOADER_ERROR_NONE) {
+        UD_ERROR_AS(func, "mutex operation %d on %s failed! error-code: %d", (int)operation, lock_name, (int)*error);
+        return false;
+    }
+    return true;
+}
+} // namespace
+
+url_downloader_error url_downloader_mutex_utility(pthread_mutex_t* mutex, bool* initialised,
+                                                  url_downloader_mutex_operation_t operation)
+{
+    if (mutex == NULL || initialised == NULL) {
+        UD_ERROR("mutex/mutex_init is NULL, so returning!");
+        return URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED;
+    }
+
+    if (operation == URL_DOWNLOADER_MUTEX_DESTROY) {
+        if (!*initialised) {
+            UD_ERROR("mutex not intialised, so no need to destroy");
+            return URL_DOWNLOADER_ERROR_NONE;
+        }
+        int status = pthread_mutex_destroy(mutex);
+        if (status != 0)
+            UD_ERROR("pthread_mutex_destroy failed with, status=[%d]\n", status);
+        *initialised = false;
+        return URL_DOWNLOADER_ERROR_NONE;
+    }
+
+    // Locks come up lazily: the first use of a pair initialises it.
+    if (operation == URL_DOWNLOADER_MUTEX_INIT || !*initialised) {
+        url_downloader_error err = init_recursive(mutex, initialised);
+        if (err != URL_DOWNLOADER_ERROR_NONE)
+            return err;
+    }
+
+    switch (operation) {
+    case URL_DOWNLOADER_MUTEX_LOCK: {
+        int status = pthread_mutex_lock(mutex);
+        if (status != 0) {
+            UD_ERROR("pthread_mutex_lock failed, status=[%d]\n", status);
+            return URL_DOWNLOADER_ERROR_MUTEX_LOCK_FAILED;
+        }
+        break;
+    }
+    case URL_DOWNLOADER_MUTEX_UNLOCK: {
+        int status = pthread_mutex_unlock(mutex);
+        if (status != 0) {
+            UD_ERROR("pthread_mutex_unlock failed, status=[%d]\n", status);
+            return URL_DOWNLOADER_ERROR_MUTEX_UNLOCK_FAILED;
+        }
+        break;
+    }
+    case URL_DOWNLOADER_MUTEX_INIT:
+        break;
+    default:
+        UD_DEBUG("Mutex operation type %d not handled", (int)operation);
+        break;
+    }
+    return URL_DOWNLOADER_ERROR_NONE;
+}
+
+bool _url_downloader_list_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error)
+{
+    return named_lock_operation(&list_write_lock, &list_write_lock_initialised, __FUNCTION__, "list_write_lock",
+                                operation, error);
+}
+
+bool _url_downloader_pipe_write_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error)
+{
+    return named_lock_operation(&pipe_write_lock, &pipe_write_lock_initialised, __FUNCTION__, "pipe_write_lock",
+                                operation, error);
+}

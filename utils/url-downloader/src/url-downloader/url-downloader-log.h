@@ -1,0 +1,38 @@
+/* Log lines of the library: one tag, a debug and an error form with the
+ * logging function's name and source line. */
+#ifndef URL_DOWNLOADER_LOG_H
+#define URL_DOWNLOADER_LOG_H
+
+#include "dlog.h"
+
+#define UD_LOG_TAG "URL-Downloader"
+#define UD_LOG_PRIORITY_DEBUG 4
+#define UD_LOG_PRIORITY_ERROR 6
+
+/* Logs under an explicit function name (for lines that belong to a step
+ * folded into another function). */
+#define UD_DEBUG_AS(func, fmt, ...) \
+    __dlog_print(UD_LOG_PRIORITY_DEBUG, UD_LOG_TAG, "[UD_DEBUG]: [%s () Line %d]: " fmt, func, __LINE__, ##__VA_ARGS__)
+#define UD_ERROR_AS(func, fmt, ...) \
+    __dlog_print(UD_LOG_PRIORITY_ERROR, UD_LOG_TAG, "[UD_ERROR]: [%s () Line %d] : " fmt, func, __LINE__, ##__VA_ARGS__)
+
+#define UD_DEBUG(fmt, ...) UD_DEBUG_AS(__FUNCTION__, fmt, ##__VA_ARGS__)
+#define UD_ERROR(fmt, ...) UD_ERROR_AS(__FUNCTION__, fmt, ##__VA_ARGS__)
+
+#define UD_BEGIN() UD_DEBUG(">>>>>>>>Begin.")
+#define UD_END() UD_DEBUG("End.<<<<<<<<<<")
+
+/* Running out of memory for a record is fatal: the assertion names the variable. */
+#define UD_ASSERT_ALLOC(ptr) ud_assert_alloc((ptr) != NULL, #ptr, __FILE__, __LINE__, __FUNCTION__)
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+/* Stops the process with an assertion message naming expr when ok is false.
+ * Unlike assert(), it stays active in release builds. */
+void ud_assert_alloc(int ok, const char* expr, const char* file, int line, const char* func);
+#ifdef __cplusplus
+}
+#endif
+
+#endif

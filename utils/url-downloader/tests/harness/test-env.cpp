@@ -1,0 +1,42 @@
+#include "test-env.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace ud_test {
+
+namespace {
+std::string g_dir;
+pid_t g_owner;
+
+void RemoveTempDir()
+{
+    // Forked children share the folder; only the process that made it removes it.
+    if (!g_dir.empty() && getpid() == g_owner) {
+        std::error_code ec;
+        std::filesystem::remove_all(g_dir, ec);
+    }
+}
+} // namespace
+
+const std::string& TempDir()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        const char* base = std::getenv("TMPDIR");
+        std::string tmpl = std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") + "/ud-test-XXXXXX";
+        if (mkdtemp(tmpl.data()) == nullptr)
+            throw std::runtime_error("mkdtemp failed for " + tmpl);
+        g_dir = tmpl;
+        g_owner = getpid();
+        std::atexit(RemoveTempDir);
+    });
+    return g_dir;
+}
+
+std::string TempPath(const std::string& name) { return TempDir() + "/" + name; }
+
+} // namespace ud_test
