@@ -1,0 +1,61 @@
+// The shared library exports exactly its interface: nothing internal leaks.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <regex>
+#include <set>
+#include <string>
+
+namespace {
+
+std::set<std::string> DefinedDynamicSymbols(const std::string& lib)
+{
+    std::set<std::string> out;
+    std::string cmd = "nm -D --defined-only --format=posix '" + lib + "' 2>&1";
+    FILE* p = popen(cmd.c_str(), "r");
+    if (p == nullptr)
+        return out;
+    char line[4096];
+    while (fgets(line, sizeof line, p) != nullptr) {
+        std::string s(line);
+        out.insert(s.substr(0, s.find(' ')));
+    }
+    pclose(p);
+    return out;
+}
+
+TEST(Exports, OnlyTheInterfaceIsExported)
+{
+    const std::set<std::string> plain = {
+        "url_downloader_register", "url_downloader_configure_network", "url_downloader_clean",
+        "url_downloader_deregister", "url_downloader_finalize", "url_downloader_download",
+        "url_downloader_cancel_request", "url_downloader_cancel_all_requests",
+        "url_downloader_mutex_utility", "url_downloader_write_pipe", "url_downloader_thread_loop",
+        "url_downloader_get_cache_filepath", "url_downloader_check_cache", "url_downloader_add_cache",
+        "url_downloader_download_loop", "url_downloader_body_parser", "url_downloader_header_parser",
+        "_Z29_url_downloader_idle_callbackPv"};
+    // Members of the three exported classes (functions and static data).
+    const std::regex member("_ZN(K)?(12UrlDownloader|15URLCacheManager|8UrlCache)[A-Za-z0-9_]+");
+    // Instrumentation that sanitizer builds add.
+    const std::regex sanitizer("(__odr_asan|__asan|__tsan|__ubsan|__sanitizer).*");
+
+    auto symbols = DefinedDynamicSymbols(UD_SHARED_LIBRARY);
+    ASSERT_FALSE(symbols.empty()) << "could not read " << UD_SHARED_LIBRARY;
+    std::set<std::string> unexpected;
+    for (const auto& s : symbols) {
+        if (plain.count(s) == 0 && !std::regex_match(s, member) && !std::regex_match(s, sanitizer))
+            unexpected.insert(s);
+    }
+    std::string list;
+    for (const auto& s : unexpected)
+        list += s + "\n";
+    EXPECT_TRUE(unexpected.empty()) << "exported but internal:\n" << list;
+
+    for (const auto& s : plain)
+        EXPECT_EQ(1u, symbols.count(s)) << s << " is not exported";
+    for (const char* s : {"_ZN12UrlDownloader14CreateInstanceEv", "_ZN15URLCacheManager11getInstanceEv",
+                          "_ZN8UrlCacheC1Ev", "_ZN12UrlDownloader8instanceE"})
+        EXPECT_EQ(1u, symbols.count(s)) << s << " is not exported";
+}
+
+} // namespace
