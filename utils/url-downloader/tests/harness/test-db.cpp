@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cctype>
 #include <cstdio>
-#include <dlfcn.h>
 #include <filesystem>
 
 #include "db-util.h"
@@ -18,10 +17,9 @@ const char kRealDir[] = "/opt/dbspace";
 
 using OpenFn = int (*)(const char*, sqlite3**, int);
 
-// The platform library's db_util_open, next after ours in symbol order.
 OpenFn RealOpen()
 {
-    static const OpenFn fn = reinterpret_cast<OpenFn>(dlsym(RTLD_NEXT, "db_util_open"));
+    static const OpenFn fn = reinterpret_cast<OpenFn>(PlatformSymbol("db_util_open"));
     return fn;
 }
 } // namespace

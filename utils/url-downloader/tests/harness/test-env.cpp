@@ -1,6 +1,7 @@
 #include "test-env.h"
 
 #include <cstdlib>
+#include <dlfcn.h>
 #include <filesystem>
 #include <mutex>
 #include <stdexcept>
@@ -38,5 +39,14 @@ const std::string& TempDir()
 }
 
 std::string TempPath(const std::string& name) { return TempDir() + "/" + name; }
+
+void* PlatformSymbol(const char* name)
+{
+    if (void* sym = dlsym(RTLD_NEXT, name))
+        return sym;
+    // Kept loaded for the rest of the process.
+    static void* const platform = dlopen("libvelmora-platform.so.0", RTLD_NOW | RTLD_LOCAL);
+    return platform != nullptr ? dlsym(platform, name) : nullptr;
+}
 
 } // namespace ud_test
