@@ -1,0 +1,142 @@
+#include "url-cache-manager.h"
+#include "url-cache-db.h"
+#include "url-downloader-log.h"
+
+#define URL_CACHE_SIZE_COLUMN "filesize"
+#define URL_CACHE_TRIM_ORDER_COLUMN "expirytime"
+#define URL_CACHE_TRIM_ORDER "asc"
+
+long URLCacheManager::getUrlCacheSize()
+{
+    UD_BEGIN();
+    char* query = sqlite3_mprintf("select sum(%s) from %s", URL_CACHE_SIZE_COLUMN, URL_CACHE_TABLE_NAME);
+    if (query == NULL) {
+        UD_ERROR("sqlite3_mprintf returned NULL, so returning!");
+        return -1;
+    }
+    UD_DEBUG("Query to be executed:[%s] \n", query);
+
+    pthread_mutex_lock(&cache_db_lock);
+    sqlite3_stmt* stmt = NULL;
+    int ret = url_cache_db_prepare(query, &stmt);
+    if (ret != SQLITE_OK || stmt == NULL) {
+        UD_ERROR("sqlite3_prepare returned error[%d], so returning", ret);
+        sqlite3_free(query);
+        sqlite3_finalize(stmt);
+        pthread_mutex_unlock(&cache_db_lock);
+        return -1;
+    }
+    long size;
+    if (sqlite3_step(stmt) == SQLITE_ROW) {
+        /* The sum over an empty table is NULL, which reads as 0. */
+        size = url_cache_db_column_long(stmt, 0);
+        UD_DEBUG("Current cache size is:[%ld]", size);
+    } else {
+        size = -1;
+        UD_ERROR("sqlite3_step api failed");
+    }
+    sqlite3_free(query);
+    sqlite3_finalize(stmt);
+    pthread_mutex_unlock(&cache_db_lock);
+    UD_END();
+    return size;
+}
+
+long URLCacheManager::cleanUrlCache()
+{
+    UD_BEGIN();
+    UrlCache* scratch = new UrlCache();
+    char* query = sqlite3_mprintf("select * from %s order by %s %s limit %d", URL_CACHE_TABLE_NAME,
+                                  URL_CACHE_TRIM_ORDER_COLUMN, URL_CACHE_TRIM_ORDER, URL_CACHE_CLEAN_BATCH);
+    if (query == NULL) {
+        UD_ERROR("sqlite3_mprintf returned NULL, so returning!");
+        delete scratch;
+        return -1;
+    }
+    UD_DEBUG("Query to be executed:[%s]", query);
+
+    pthread_mutex_lock(&cache_db_lock);
+    sqlite3_stmt* stmt = NULL;
+    int ret = url_cache_db_prepare(query, &stmt);
+    if (ret != SQLITE_OK || stmt == NULL) {
+        UD_ERROR("sqlite3_prepare returned error[%d], so returning", ret);
+        sqlite3_free(query);
+        sqlite3_finalize(stmt);
+        pthread_mutex_unlock(&cache_db_lock);
+        delete scratch;
+        return -1;
+    }
+
+    bool ok = true;
+    long remainder = URL_CACHE_MAX_SIZE;
+    char* errmsg = NULL;
+    /* The deletions run while the selection is open. Left to autocommit, each
+     * would have to upgrade the selection's read transaction to a write one,
+     * which SQLite refuses at once (no busy wait) whenever another process
+     * holds or has just used the write lock. Taking the write lock first lets
+     * the busy timeout do its work, and keeps the trim whole for other
+     * processes. */
+    ret = url_cache_db_exec("BEGIN IMMEDIATE", &errmsg);
+    bool in_transaction = ret == SQLITE_OK;
+    if (!in_transaction) {
+        UD_ERROR("SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
+        sqlite3_free(errmsg);
+        ok = false;
+    }
+
+    int step = in_transaction ? sqlite3_step(stmt) : SQLITE_DONE;
+    while (step == SQLITE_ROW) {
+        scratch->id = sqlite3_column_int(stmt, 0);
+        scratch->expirytime = url_cache_db_column_long(stmt, 5);
+        scratch->filesize = url_cache_db_column_long(stmt, 3);
+
+        char* deletion = sqlite3_mprintf("delete from %s where id=%d", URL_CACHE_TABLE_NAME, scratch->id);
+        if (deletion == NULL) {
+            UD_ERROR("sqlite3_mprintf returned NULL, so returning!");
+            ok = false;
+            break;
+        }
+        UD_DEBUG("Query to be executed:[%s] \n", deletion);
+        ret = url_cache_db_exec(deletion, &errmsg);
+        if (ret != SQLITE_OK) {
+            UD_DEBUG("Query: [%s]", deletion);
+            UD_ERROR("SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
+            sqlite3_free(deletion);
+            sqlite3_free(errmsg);
+            ok = false;
+            break;
+        }
+        sqlite3_free(deletion);
+
+        step = sqlite3_step(stmt);
+        /* Counted down from the budget, not from the actual sum. */
+        remainder -= scratch->filesize;
+        if (remainder < URL_CACHE_HALF_SIZE) {
+            UD_DEBUG("Cache cleaned to its half size [%ld]", remainder);
+            break;
+        }
+    }
+
+    sqlite3_free(query);
+    sqlite3_finalize(stmt);
+    if (in_transaction) {
+        /* Committed on failure too: rows already deleted stay deleted. */
+        ret = url_cache_db_exec("COMMIT", &errmsg);
+        if (ret != SQLITE_OK) {
+            UD_ERROR("SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
+            sqlite3_free(errmsg);
+            url_cache_db_exec("ROLLBACK", &errmsg);
+            sqlite3_free(errmsg);
+            ok = false;
+        }
+    }
+    delete scratch;
+    pthread_mutex_unlock(&cache_db_lock);
+
+    if (!ok) {
+        UD_ERROR("Cache could not be cleaned");
+        return -1;
+    }
+    UD_DEBUG("Cache cleaned");
+    return remainder;
+}

@@ -1,0 +1,236 @@
+#include "url-cache-manager.h"
+
+#include <new>
+#include <mutex>
+#include <stdio.h>
+#include <string.h>
+
+#include "db-util.h"
+#include "url-cache-db.h"
+#include "url-downloader-log.h"
+
+#define URL_CACHE_CREATE_TABLE_FORMAT \
+    " create table if not exists %s ( id INTEGER PRIMARY KEY AUTOINCREMENT, url TEXT, filepath TEXT, " \
+    "filesize INTEGER, downloadtime INTEGER, expirytime INTEGER, appname TEXT);"
+#define URL_CACHE_QUERY_SIZE 2048
+/* Option value handed to the platform's database utility. */
+#define URL_CACHE_DB_OPEN_OPTION 1
+
+pthread_mutex_t cache_db_lock = PTHREAD_MUTEX_INITIALIZER;
+sqlite3* cache_db_handle = NULL;
+
+URLCacheManager* URLCacheManager::instance = NULL;
+
+int url_cache_db_exec(const char* sql, char** errmsg)
+{
+    *errmsg = NULL;
+    /* An unopened database fails here like any other statement would. */
+    if (cache_db_handle == NULL)
+        return SQLITE_MISUSE;
+    return sqlite3_exec(cache_db_handle, sql, NULL, NULL, errmsg);
+}
+
+int url_cache_db_prepare(const char* sql, sqlite3_stmt** stmt)
+{
+    *stmt = NULL;
+    if (cache_db_handle == NULL)
+        return SQLITE_MISUSE;
+    return sqlite3_prepare(cache_db_handle, sql, (int)strlen(sql), stmt, NULL);
+}
+
+long url_cache_db_column_long(sqlite3_stmt* stmt, int column)
+{
+    if constexpr (sizeof(long) > sizeof(int))
+        return (long)sqlite3_column_int64(stmt, column);
+    else
+        return sqlite3_column_int(stmt, column);
+}
+
+const char* url_cache_db_error_text(const char* errmsg, int rc)
+{
+    return errmsg != NULL ? errmsg : sqlite3_errstr(rc);
+}
+
+namespace {
+
+char* column_text_copy(sqlite3_stmt* stmt, int column)
+{
+    const unsigned char* text = sqlite3_column_text(stmt, column);
+    return text != NULL ? strdup(reinterpret_cast<const char*>(text)) : NULL;
+}
+
+/* Runs one modifying statement and frees it. func names the operation in the
+ * log; the deletions also log the statement again when it fails. */
+bool execute_modification(const char* func, char* query, bool log_failed_query)
+{
+    if (query == NULL) {
+        UD_ERROR_AS(func, "sqlite3_mprintf returned NULL, so returning!");
+        return false;
+    }
+    UD_DEBUG_AS(func, "Query to be executed:[%s] \n", query);
+
+    pthread_mutex_lock(&cache_db_lock);
+    char* errmsg = NULL;
+    int ret = url_cache_db_exec(query, &errmsg);
+    if (ret != SQLITE_OK) {
+        if (log_failed_query)
+            UD_DEBUG_AS(func, "Query: [%s]", query);
+        UD_ERROR_AS(func, "SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
+        sqlite3_free(query);
+        sqlite3_free(errmsg);
+        pthread_mutex_unlock(&cache_db_lock);
+        return false;
+    }
+    sqlite3_free(query);
+    pthread_mutex_unlock(&cache_db_lock);
+    UD_DEBUG_AS(func, "End.<<<<<<<<<<");
+    return true;
+}
+
+/* Reads the first row of a "select *" into a new record; NULL on a miss or a
+ * failure. Takes over record and query. */
+UrlCache* read_one_row(const char* func, UrlCache* record, char* query)
+{
+    if (query == NULL) {
+        UD_ERROR_AS(func, "sqlite3_mprintf returned NULL, so returning!");
+        delete record;
+        return NULL;
+    }
+    UD_DEBUG_AS(func, "Query to be executed:[%s]", query);
+
+    pthread_mutex_lock(&cache_db_lock);
+    sqlite3_stmt* stmt = NULL;
+    int ret = url_cache_db_prepare(query, &stmt);
+    if (ret != SQLITE_OK || stmt == NULL) {
+        UD_ERROR_AS(func, "sqlite3_prepare returned error[%d], so returning", ret);
+        sqlite3_free(query);
+        sqlite3_finalize(stmt);
+        pthread_mutex_unlock(&cache_db_lock);
+        delete record;
+        return NULL;
+    }
+    if (sqlite3_step(stmt) != SQLITE_ROW) {
+        /* A miss is not an error. */
+        sqlite3_free(query);
+        sqlite3_finalize(stmt);
+        delete record;
+        pthread_mutex_unlock(&cache_db_lock);
+        UD_DEBUG_AS(func, "End.<<<<<<<<<<");
+        return NULL;
+    }
+    record->id = sqlite3_column_int(stmt, 0);
+    record->url = column_text_copy(stmt, 1);
+    record->filepath = column_text_copy(stmt, 2);
+    record->filesize = url_cache_db_column_long(stmt, 3);
+    record->downloadtime = url_cache_db_column_long(stmt, 4);
+    record->expirytime = url_cache_db_column_long(stmt, 5);
+    record->appname = column_text_copy(stmt, 6);
+    sqlite3_free(query);
+    sqlite3_finalize(stmt);
+    UD_DEBUG_AS(func, "End.<<<<<<<<<<");
+    pthread_mutex_unlock(&cache_db_lock);
+    return record;
+}
+
+} // namespace
+
+URLCacheManager::URLCacheManager()
+{
+    UD_BEGIN();
+    pthread_mutex_lock(&cache_db_lock);
+    if (cache_db_handle != NULL) {
+        UD_ERROR("DB Already Opened, so Return");
+        pthread_mutex_unlock(&cache_db_lock);
+        return;
+    }
+
+    /* Whatever the platform leaves in the handle on failure, the database
+     * counts as unopened then: only a successful open is kept. */
+    sqlite3* handle = NULL;
+    int ret = db_util_open(URL_CACHE_DB_PATH, &handle, URL_CACHE_DB_OPEN_OPTION);
+    if (ret != 0) {
+        UD_ERROR("DBConnect failed with:%d", ret);
+        pthread_mutex_unlock(&cache_db_lock);
+        return;
+    }
+    cache_db_handle = handle;
+
+    char query[URL_CACHE_QUERY_SIZE];
+    snprintf(query, sizeof(query), URL_CACHE_CREATE_TABLE_FORMAT, URL_CACHE_TABLE_NAME);
+    UD_DEBUG("Query: [%s]", query);
+    char* errmsg = NULL;
+    ret = url_cache_db_exec(query, &errmsg);
+    if (ret != SQLITE_OK) {
+        UD_DEBUG("Query: [%s]", query);
+        UD_ERROR("SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
+        sqlite3_free(errmsg);
+        pthread_mutex_unlock(&cache_db_lock);
+        return;
+    }
+    pthread_mutex_unlock(&cache_db_lock);
+    UD_END();
+}
+
+URLCacheManager* URLCacheManager::getInstance()
+{
+    /* The first calls of several threads may meet: exactly one creates. */
+    static std::once_flag created;
+    std::call_once(created, [] { instance = new (std::nothrow) URLCacheManager(); });
+    return instance;
+}
+
+bool URLCacheManager::addUrlCache(UrlCache& cache)
+{
+    UD_BEGIN();
+    char* query = sqlite3_mprintf(
+        "insert into %s (url, filepath, filesize, downloadtime, expirytime, appname) values (%Q, %Q, %ld, %ld, %ld, %Q)",
+        URL_CACHE_TABLE_NAME, cache.url, cache.filepath, cache.filesize, cache.downloadtime, cache.expirytime,
+        cache.appname);
+    return execute_modification(__FUNCTION__, query, false);
+}
+
+bool URLCacheManager::updateUrlCache(UrlCache& cache)
+{
+    UD_BEGIN();
+    char* query = sqlite3_mprintf(
+        "update %s set url=%Q, filepath=%Q, filesize=%ld, downloadtime=%ld, expirytime=%ld, appname=%Q where id=%d",
+        URL_CACHE_TABLE_NAME, cache.url, cache.filepath, cache.filesize, cache.downloadtime, cache.expirytime,
+        cache.appname, cache.id);
+    return execute_modification(__FUNCTION__, query, false);
+}
+
+bool URLCacheManager::deleteUrlCache(int id)
+{
+    UD_BEGIN();
+    char* query = sqlite3_mprintf("delete from %s where id=%d", URL_CACHE_TABLE_NAME, id);
+    return execute_modification(__FUNCTION__, query, true);
+}
+
+bool URLCacheManager::deleteUrlCache(char* appName)
+{
+    UD_BEGIN();
+    if (appName == NULL) {
+        UD_ERROR("URL is NULL");
+        return false;
+    }
+    char* query = sqlite3_mprintf("delete from %s where appname=%Q", URL_CACHE_TABLE_NAME, appName);
+    return execute_modification(__FUNCTION__, query, true);
+}
+
+UrlCache* URLCacheManager::findUrlCache(char* url)
+{
+    UD_BEGIN();
+    if (url == NULL) {
+        UD_ERROR("URL is NULL");
+        return NULL;
+    }
+    UrlCache* record = new UrlCache();
+    return read_one_row(__FUNCTION__, record, sqlite3_mprintf("select * from %s where url=%Q", URL_CACHE_TABLE_NAME, url));
+}
+
+UrlCache* URLCacheManager::getUrlCache(int id)
+{
+    UD_BEGIN();
+    UrlCache* record = new UrlCache();
+    return read_one_row(__FUNCTION__, record, sqlite3_mprintf("select * from %s where id=%d", URL_CACHE_TABLE_NAME, id));
+}
