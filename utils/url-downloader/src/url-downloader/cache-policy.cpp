@@ -1,0 +1,183 @@
+#include "cache-policy.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+namespace {
+
+/* Zero-filled copy of src in a buffer of strlen + 1 bytes. Returns false,
+ * leaving *copy untouched, when that buffer would exceed the bounded-copy
+ * limit; otherwise stores the buffer (NULL when out of memory) in *copy. */
+bool bounded_copy(const char* src, char** copy)
+{
+    size_t size = strlen(src) + 1;
+    if (size > URL_DOWNLOADER_MAX_COPY_SIZE)
+        return false;
+    char* buffer = static_cast<char*>(calloc(1, size));
+    if (buffer != NULL)
+        memcpy(buffer, src, size - 1);
+    *copy = buffer;
+    return true;
+}
+
+} // namespace
+
+char* url_downloader_get_cache_filepath(url_downloader_cache* cache)
+{
+    UD_BEGIN();
+    if (cache == NULL) {
+        UD_ERROR("Invalid input param");
+        return NULL;
+    }
+    URLCacheManager* manager = URLCacheManager::getInstance();
+    if (manager == NULL) {
+        UD_ERROR("NULL handle");
+        return NULL;
+    }
+    UD_DEBUG("Trying to find URL in Cache\n");
+    UrlCache* entry = manager->findUrlCache(cache->url);
+    if (entry == NULL) {
+        UD_DEBUG("URL Not found in cache\n");
+        return NULL;
+    }
+
+    time_t now = time(NULL);
+    bool fresh = false;
+    if (entry->filepath == NULL) {
+        UD_ERROR("URL entry exists in DB, but filepath is NULL");
+    } else {
+        FILE* file = fopen(entry->filepath, "rb");
+        bool opened = file != NULL;
+        long length = -1;
+        if (opened) {
+            if (fseek(file, 0, SEEK_END) == 0)
+                length = ftell(file);
+            fclose(file);
+        }
+        if (!opened) {
+            UD_ERROR("URL found in cache but the downloaded file missing in file-system");
+        } else if (length != entry->filesize) {
+            UD_ERROR("URL found in cache but the file size mismatch. \nDB stored size is %d, and actaul size is %d",
+                     (int)entry->filesize, (int)length);
+        } else {
+            UD_DEBUG("URL found in cache and same file existing in file-system");
+            /* Fresh strictly before the expiry time. */
+            fresh = entry->expirytime > (long)now;
+            if (!fresh)
+                UD_ERROR("But expired Id=[%d]\n", entry->id);
+        }
+    }
+
+    if (!fresh) {
+        UD_ERROR("Entry NOT found in cache");
+        /* The row goes; the file, if any, is the client's and stays. */
+        manager->deleteUrlCache(entry->id);
+        delete entry;
+        UD_END();
+        return NULL;
+    }
+
+    UD_DEBUG("still %ld time to expire\n", entry->expirytime - (long)now);
+    char* path = strdup(entry->filepath);
+    UD_DEBUG("Entry found in cache");
+    delete entry;
+    UD_END();
+    return path;
+}
+
+bool url_downloader_check_cache(url_downloader_api_t* api_handle, url_downloader_error* error)
+{
+    UD_BEGIN();
+    if (api_handle == NULL || error == NULL) {
+        UD_ERROR("Invalid input param");
+        return false;
+    }
+    *error = URL_DOWNLOADER_ERROR_NONE;
+    if (api_handle->url == NULL) {
+        UD_ERROR("provided url is NULL");
+        return false;
+    }
+
+    url_downloader_cache* url_cache = static_cast<url_downloader_cache*>(calloc(1, sizeof(url_downloader_cache)));
+    UD_ASSERT_ALLOC(url_cache);
+    /* Too long to copy: answer from the network instead. */
+    if (!bounded_copy(api_handle->url, &url_cache->url)) {
+        UD_ERROR("URL too long for the cache lookup, so not using the cache");
+        free(url_cache);
+        return false;
+    }
+    UD_ASSERT_ALLOC(url_cache->url);
+
+    char* path = url_downloader_get_cache_filepath(url_cache);
+    if (path == NULL) {
+        free(url_cache->url);
+        free(url_cache);
+        UD_END();
+        return false;
+    }
+
+    UD_DEBUG("URL Found in cache\n");
+    if (api_handle->filePath == NULL || strcmp(api_handle->filePath, path) != 0) {
+        UD_DEBUG("but was downloaded in a different filepath\n");
+        char* copy = NULL;
+        if (!bounded_copy(path, &copy)) {
+            UD_ERROR("Cached file path too long to hand over, so not using the cache");
+            free(path);
+            free(url_cache->url);
+            free(url_cache);
+            return false;
+        }
+        free(api_handle->filePath);
+        api_handle->filePath = copy;
+        UD_ASSERT_ALLOC(api_handle->filePath);
+    }
+    free(path);
+
+    api_handle->error = URL_DOWNLOADER_ERROR_NONE;
+    _url_downloader_resp_callback(api_handle);
+
+    free(url_cache->url);
+    free(url_cache);
+    UD_END();
+    return true;
+}
+
+bool url_downloader_add_cache(url_downloader_cache* cache, url_downloader_error* error)
+{
+    UD_BEGIN();
+    if (cache == NULL || error == NULL) {
+        UD_ERROR("Invalid input param");
+        return false;
+    }
+    UrlCache record(cache);
+    URLCacheManager* manager = URLCacheManager::getInstance();
+    *error = URL_DOWNLOADER_ERROR_NONE;
+    if (manager == NULL) {
+        UD_ERROR("NULL handle");
+        *error = URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED;
+        return false;
+    }
+
+    long size = manager->getUrlCacheSize();
+    if (size == -1) {
+        *error = URL_DOWNLOADER_ERROR_CACHE_SIZE_FAILED;
+        return false;
+    }
+    /* Trimmed before the insertion, so the new row never makes room for itself. */
+    if (size + record.filesize > URL_CACHE_MAX_SIZE && manager->cleanUrlCache() == -1) {
+        UD_ERROR("SOMETHING WENT WRONG IN CLEANING UP\n");
+        *error = URL_DOWNLOADER_ERROR_CACHE_CLEAN_FAILED;
+        return false;
+    }
+
+    if (!manager->addUrlCache(record)) {
+        UD_ERROR("failed to added to cache \n");
+        *error = URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED;
+        return false;
+    }
+    UD_DEBUG("added to cache \n");
+    UD_END();
+    return true;
+}
