@@ -60,6 +60,27 @@ TEST(LockUtility, LazyInitRecursionAndDestroy)
     url_downloader_mutex_utility(&m, &init, URL_DOWNLOADER_MUTEX_DESTROY);
 }
 
+TEST(LockUtility, ConcurrentFirstUseInitialisesOnceAndExcludes)
+{
+    static pthread_mutex_t m;
+    static bool init = false;
+    static long counter = 0; // plain on purpose: only the lock protects it
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([] {
+            for (int i = 0; i < 2000; ++i) {
+                ASSERT_EQ(URL_DOWNLOADER_ERROR_NONE, url_downloader_mutex_utility(&m, &init, URL_DOWNLOADER_MUTEX_LOCK));
+                ++counter;
+                ASSERT_EQ(URL_DOWNLOADER_ERROR_NONE, url_downloader_mutex_utility(&m, &init, URL_DOWNLOADER_MUTEX_UNLOCK));
+            }
+        });
+    }
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(8 * 2000, counter);
+    url_downloader_mutex_utility(&m, &init, URL_DOWNLOADER_MUTEX_DESTROY);
+}
+
 TEST(LockUtility, NullArgumentsAreRefused)
 {
     LogCapture log;

@@ -1,6 +1,14 @@
 #include "url-downloader-private.h"
 
 namespace {
+// Serialises the lazy initialisation of every pair: two threads whose first
+// use of a lock meets must not both initialise it. The flags are read with
+// acquire loads so that a set flag also publishes the initialised mutex.
+pthread_mutex_t lazy_init_guard = PTHREAD_MUTEX_INITIALIZER;
+
+bool is_initialised(const bool* initialised) { return __atomic_load_n(initialised, __ATOMIC_ACQUIRE); }
+void set_initialised(bool* initialised, bool value) { __atomic_store_n(initialised, value, __ATOMIC_RELEASE); }
+
 pthread_mutex_t list_write_lock;
 bool list_write_lock_initialised;
 pthread_mutex_t pipe_write_lock;
@@ -17,7 +25,7 @@ url_downloader_error init_recursive(pthread_mutex_t* mutex, bool* initialised)
         UD_ERROR_AS("url_downloader_mutex_utility", "pthread_mutex_init failed, status=[%d]\n", status);
         return URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED;
     }
-    *initialised = true;
+    set_initialised(initialised, true);
     return URL_DOWNLOADER_ERROR_NONE;
 }
 
@@ -46,20 +54,28 @@ url_downloader_error url_downloader_mutex_utility(pthread_mutex_t* mutex, bool* 
     }
 
     if (operation == URL_DOWNLOADER_MUTEX_DESTROY) {
-        if (!*initialised) {
+        pthread_mutex_lock(&lazy_init_guard);
+        if (!is_initialised(initialised)) {
+            pthread_mutex_unlock(&lazy_init_guard);
             UD_ERROR("mutex not intialised, so no need to destroy");
             return URL_DOWNLOADER_ERROR_NONE;
         }
         int status = pthread_mutex_destroy(mutex);
+        set_initialised(initialised, false);
+        pthread_mutex_unlock(&lazy_init_guard);
         if (status != 0)
             UD_ERROR("pthread_mutex_destroy failed with, status=[%d]\n", status);
-        *initialised = false;
         return URL_DOWNLOADER_ERROR_NONE;
     }
 
-    // Locks come up lazily: the first use of a pair initialises it.
-    if (operation == URL_DOWNLOADER_MUTEX_INIT || !*initialised) {
-        url_downloader_error err = init_recursive(mutex, initialised);
+    // Locks come up lazily: the first use of a pair initialises it. INIT
+    // always initialises afresh.
+    if (operation == URL_DOWNLOADER_MUTEX_INIT || !is_initialised(initialised)) {
+        pthread_mutex_lock(&lazy_init_guard);
+        url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
+        if (operation == URL_DOWNLOADER_MUTEX_INIT || !is_initialised(initialised))
+            err = init_recursive(mutex, initialised);
+        pthread_mutex_unlock(&lazy_init_guard);
         if (err != URL_DOWNLOADER_ERROR_NONE)
             return err;
     }
