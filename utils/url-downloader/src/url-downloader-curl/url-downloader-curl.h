@@ -3,6 +3,7 @@
 #define URL_DOWNLOADER_CURL_H
 
 #include <stddef.h>
+#include <sys/time.h>
 
 #include <curl/curl.h>
 
@@ -17,7 +18,19 @@ UD_EXPORT size_t url_downloader_body_parser(void* data, size_t size, size_t nmem
 UD_EXPORT size_t url_downloader_header_parser(char* line, size_t size, size_t nmemb, void* user_data);
 }
 
-/* Judges one finished transfer and reports it to the processing thread. */
+/* Judges one finished transfer and builds its response message for the
+ * processing thread. The message is queued on the calling thread and written
+ * by _url_downloader_flush_responses, so that the transfer thread never waits
+ * on a full processing pipe while it holds curl_mutex_lock. */
 void _url_downloader_response_cb(CURL* easy_handle, void* user_data, CURLcode result);
+
+/* Writes the response messages queued on the calling thread, oldest first.
+ * Call without curl_mutex_lock. A message that cannot be written is dropped
+ * with its info record and logged. */
+void _url_downloader_flush_responses(void);
+
+/* The select() wait of one transfer cycle for libcurl's time-out (ms, negative
+ * for none): libcurl's time-out up to 1999 ms, else one second. */
+void _url_downloader_compute_wait(long timeout_ms, struct timeval* wait);
 
 #endif

@@ -54,4 +54,24 @@ private:
     UrlDownloader& operator=(const UrlDownloader&) = delete;
 };
 
+/* Tear-down helpers shared by the cancellation path and the transfer thread;
+ * the caller holds curl_mutex_lock. Not exported. */
+
+/* Takes one listed transfer out of the multi handle and releases it. When
+ * libcurl refuses to let go of the easy handle, the record stays listed but is
+ * detached from its request (apiHandle NULL, file closed, no path), so that
+ * nobody finds it by request and libcurl can still call back into it safely;
+ * it is released with the engine. */
+void _url_downloader_teardown_transaction(UrlDownloader* engine, url_downloader_curl_pvt_data* data);
+
+/* Handles one finished easy handle reported by the multi handle: reports it
+ * (when it still belongs to a request) and tears it down. Also copes with an
+ * easy handle whose record is missing or detached. */
+void _url_downloader_finish_transfer(UrlDownloader* engine, CURL* easy, url_downloader_curl_pvt_data* data,
+                                     CURLcode result);
+
+/* Releases every record still listed (easy handle, file, path copy, record).
+ * Only once the transfer thread has ended. */
+void _url_downloader_release_transactions(UrlDownloader* engine);
+
 #endif

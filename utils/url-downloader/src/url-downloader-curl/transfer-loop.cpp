@@ -1,0 +1,172 @@
+#include <errno.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/select.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "url-downloader-curl.h"
+#include "url-downloader-internal.h"
+
+namespace {
+// Reads one 4-byte message of the download pipe. False when the pipe can no
+// longer deliver one (end of file or a read error): the thread then ends
+// rather than spin on a dead descriptor.
+bool read_download_message(int fd, int32_t* value)
+{
+    unsigned char buf[sizeof *value];
+    size_t got = 0;
+    while (got < sizeof buf) {
+        ssize_t n = read(fd, buf + got, sizeof buf - got);
+        if (n > 0) {
+            got += (size_t)n;
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else {
+            if (n == 0) {
+                UD_ERROR_AS("url_downloader_download_loop", "Download pipe closed, ending CURL thread loop");
+            } else {
+                perror("pipe");
+                UD_ERROR_AS("url_downloader_download_loop", "Download pipe read failed, errno=[%d]", errno);
+            }
+            return false;
+        }
+    }
+    memcpy(value, buf, sizeof buf);
+    return true;
+}
+
+// The lock can only fail on a broken mutex; pause between attempts so that
+// such a failure does not burn a core.
+void lock_until_taken(UrlDownloader* engine)
+{
+    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
+    while (!engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err)) {
+        struct timespec pause = {0, 1000000};
+        nanosleep(&pause, NULL);
+    }
+}
+
+// Finished transfers are reported and torn down in the same locked section
+// as the perform that finished them, so a cancellation never meets one
+// half-way.
+void drain_finished(UrlDownloader* engine, CURLM* multi)
+{
+    CURLMsg* msg;
+    int left = 0;
+    while ((msg = curl_multi_info_read(multi, &left)) != NULL) {
+        if (msg->msg != CURLMSG_DONE) {
+            UD_DEBUG_AS("url_downloader_download_loop", "Curl message received=%d\n ", (int)msg->msg);
+            continue;
+        }
+        UD_DEBUG_AS("url_downloader_download_loop", "Curl transaction over\n ");
+        // msg dies with the easy handle's removal: copy what is needed.
+        CURL* easy = msg->easy_handle;
+        CURLcode result = msg->data.result;
+        char* priv = NULL;
+        curl_easy_getinfo(easy, CURLINFO_PRIVATE, &priv);
+        _url_downloader_finish_transfer(engine, easy, (url_downloader_curl_pvt_data*)priv, result);
+    }
+}
+
+// One perform (repeated while libcurl asks for it); the responses it produced
+// are written once the lock is released.
+void perform(UrlDownloader* engine, CURLM* multi, int* running, bool report_errors)
+{
+    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
+    CURLMcode rc;
+    do {
+        lock_until_taken(engine);
+        rc = curl_multi_perform(multi, running);
+        if (report_errors && rc != CURLM_OK && rc != CURLM_CALL_MULTI_PERFORM)
+            UD_ERROR_AS("url_downloader_download_loop", "Muti-perform Error:: %s\n", curl_multi_strerror(rc));
+        drain_finished(engine, multi);
+        engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
+        _url_downloader_flush_responses();
+    } while (rc == CURLM_CALL_MULTI_PERFORM);
+}
+
+void run_cycle(UrlDownloader* engine, CURLM* multi)
+{
+    int running = 0;
+    perform(engine, multi, &running, false);
+
+    while (running != 0) {
+        long timeout_ms = -1;
+        int max_fd = -1;
+        fd_set read_set, write_set, error_set;
+        FD_ZERO(&read_set);
+        FD_ZERO(&write_set);
+        FD_ZERO(&error_set);
+
+        url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
+        if (!engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err)) {
+            UD_ERROR_AS("url_downloader_download_loop", "Locking curl_write_lock failed with error-code as %d",
+                        (int)err);
+        } else {
+            curl_multi_fdset(multi, &read_set, &write_set, &error_set, &max_fd);
+            curl_multi_timeout(multi, &timeout_ms);
+            if (!engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err))
+                UD_ERROR_AS("url_downloader_download_loop", "Unlocking curl_write_lock failed with error-code as %d",
+                            (int)err);
+        }
+
+        struct timeval wait;
+        _url_downloader_compute_wait(timeout_ms, &wait);
+        if (select(max_fd + 1, &read_set, &write_set, &error_set, &wait) == -1) {
+            int saved = errno;
+            UD_ERROR_AS("url_downloader_download_loop", "select error\n");
+            // Collect again; a lasting failure must not become a busy loop.
+            if (saved != EINTR) {
+                struct timespec pause = {0, 10000000};
+                nanosleep(&pause, NULL);
+            }
+            continue;
+        }
+        perform(engine, multi, &running, true);
+    }
+}
+} // namespace
+
+void _url_downloader_compute_wait(long timeout_ms, struct timeval* wait)
+{
+    wait->tv_sec = 1;
+    wait->tv_usec = 0;
+    if (timeout_ms < 0)
+        return;
+    long seconds = timeout_ms / 1000;
+    if (seconds > 1)
+        return;
+    wait->tv_sec = seconds;
+    wait->tv_usec = (timeout_ms % 1000) * 1000;
+}
+
+void* url_downloader_download_loop(void* arg)
+{
+    UD_BEGIN();
+    UrlDownloader* engine = (UrlDownloader*)arg;
+    CURLM* multi = UrlDownloader::multiHandle;
+    int downloadFd = UrlDownloader::downloadPipe[0];
+
+    int32_t message = -1;
+    for (;;) {
+        UD_DEBUG("Waiting for wakeup message");
+        if (!read_download_message(downloadFd, &message))
+            break;
+        if (message == URL_DOWNLOADER_CURL_MSG_CLEANUP)
+            break;
+        run_cycle(engine, multi);
+    }
+
+    UD_DEBUG("Cleaning up multi handle, Exiting CURL thread loop!");
+    // Under the lock, so that a late set-up or cancellation finds no multi
+    // handle instead of a freed one.
+    lock_until_taken(engine);
+    UrlDownloader::multiHandle = NULL;
+    curl_multi_cleanup(multi);
+    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
+    engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
+    UD_END();
+    return NULL;
+}

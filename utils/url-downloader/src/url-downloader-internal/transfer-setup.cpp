@@ -1,0 +1,248 @@
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "url-downloader-curl.h"
+#include "url-downloader-internal.h"
+
+namespace {
+const char* const kUserAgent = "Korvane User Agent";
+
+// Closes the file and frees the record with its path copy; the easy handle
+// must already be gone or be released by the caller.
+void free_record(url_downloader_curl_pvt_data* data)
+{
+    if (data->fileHandle != NULL) {
+        fclose(data->fileHandle); // a partly written file stays on disk
+        data->fileHandle = NULL;
+    }
+    free(data->filePath);
+    data->filePath = NULL;
+    free(data);
+}
+
+CURLM* current_multi_handle(UrlDownloader* engine)
+{
+    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
+    if (!engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err))
+        return NULL;
+    CURLM* multi = UrlDownloader::multiHandle;
+    engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
+    return multi;
+}
+
+// The service's configuration may be replaced by a client thread at any
+// time, so the proxy is copied under the request-list lock. Returns false
+// when the lock cannot be used.
+bool copy_service_proxy(url_downloader_h service, char** proxy)
+{
+    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
+    *proxy = NULL;
+    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &err)) {
+        UD_ERROR_AS("DownloaderCreateEasyHandle", "Locking mutex failed with error-code %d", (int)err);
+        return false;
+    }
+    if (service->fwConfig != NULL && service->fwConfig->proxy != NULL)
+        *proxy = strdup(service->fwConfig->proxy);
+    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &err)) {
+        UD_ERROR_AS("DownloaderCreateEasyHandle", "Unlocking mutex failed with error-code %d", (int)err);
+        free(*proxy);
+        *proxy = NULL;
+        return false;
+    }
+    return true;
+}
+} // namespace
+
+bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
+{
+    UD_BEGIN();
+    if (api == NULL) {
+        UD_ERROR("NULL api handle");
+        return false;
+    }
+    if (api->service == NULL) {
+        UD_ERROR("NULL handle");
+        return false;
+    }
+
+    CURL* easy = curl_easy_init();
+    if (current_multi_handle(this) == NULL || easy == NULL) {
+        UD_ERROR("Curl initialization failed\n");
+        if (easy != NULL)
+            curl_easy_cleanup(easy);
+        return false;
+    }
+
+    char* proxy = NULL;
+    if (!copy_service_proxy(api->service, &proxy)) {
+        curl_easy_cleanup(easy);
+        return false;
+    }
+    if (proxy != NULL) {
+        UD_DEBUG("Using proxy [%s]\n", proxy);
+        curl_easy_setopt(easy, CURLOPT_PROXY, proxy); // libcurl keeps its own copy
+        free(proxy);
+    }
+
+    url_downloader_curl_pvt_data* user_data =
+        (url_downloader_curl_pvt_data*)calloc(1, sizeof(url_downloader_curl_pvt_data));
+    UD_ASSERT_ALLOC(user_data);
+    user_data->filePath = api->filePath != NULL ? strdup(api->filePath) : NULL;
+    user_data->apiHandle = api;
+    user_data->easyHandle = easy;
+
+    curl_easy_setopt(easy, CURLOPT_URL, api->url);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, url_downloader_body_parser);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, user_data);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, url_downloader_header_parser);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, user_data);
+    curl_easy_setopt(easy, CURLOPT_PRIVATE, user_data);
+    curl_easy_setopt(easy, CURLOPT_VERBOSE, 1L);
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L);
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, kUserAgent);
+
+    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
+    if (!DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err)) {
+        UD_ERROR("Locking mutex failed with error-code %d", (int)err);
+        curl_easy_cleanup(easy);
+        free_record(user_data);
+        return false;
+    }
+
+    bool result = false;
+    // The multi handle goes away when the transfer thread ends; check it again
+    // now that nobody can change it.
+    CURLMcode rc = multiHandle != NULL ? curl_multi_add_handle(multiHandle, easy) : CURLM_BAD_HANDLE;
+    if (rc != CURLM_OK) {
+        UD_ERROR("curl_multi_add_handle failed!");
+        curl_easy_cleanup(easy);
+        free_record(user_data);
+    } else {
+        activeTransactions = g_list_prepend(activeTransactions, user_data);
+        api->transferActive = 1;
+        UD_DEBUG("Curl easy handle added for api-handle %ld\n\n", (long)(intptr_t)api);
+        result = true;
+    }
+
+    if (!DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err)) {
+        UD_ERROR("Unlocking mutex failed with error-code %d", (int)err);
+        result = false;
+    }
+    return result;
+}
+
+bool UrlDownloader::DownloaderCancelRequest(url_downloader_api_t* api)
+{
+    UD_BEGIN();
+    return DownloaderCleanupEasyHandle(api);
+}
+
+bool UrlDownloader::DownloaderCleanupEasyHandle(url_downloader_api_t* api)
+{
+    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
+    if (!DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err))
+        return false;
+    UD_DEBUG("api-handle is %ld", (long)(intptr_t)api);
+
+    // Newest first; detached records (apiHandle NULL) never match.
+    url_downloader_curl_pvt_data* data = NULL;
+    for (GList* l = activeTransactions; api != NULL && l != NULL; l = l->next) {
+        url_downloader_curl_pvt_data* candidate = (url_downloader_curl_pvt_data*)l->data;
+        if (candidate != NULL && candidate->apiHandle == api) {
+            data = candidate;
+            break;
+        }
+    }
+    if (data == NULL) {
+        DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
+        return false;
+    }
+    UD_DEBUG("API handle found in active transaction list");
+    _url_downloader_teardown_transaction(this, data);
+    return DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
+}
+
+void UrlDownloader::RemoveTransaction(url_downloader_curl_pvt_data* data)
+{
+    if (data == NULL) {
+        UD_ERROR("Invalid input param");
+        return;
+    }
+    activeTransactions = g_list_remove(activeTransactions, data);
+    free_record(data);
+    UD_DEBUG("Active transaction list count is %d", (int)g_list_length(activeTransactions));
+}
+
+void _url_downloader_teardown_transaction(UrlDownloader* engine, url_downloader_curl_pvt_data* data)
+{
+    if (data->easyHandle != NULL) {
+        // Without a multi handle (the transfer thread has ended and cleaned it
+        // up) the easy handle is attached to nothing and can simply go.
+        CURLMcode rc = UrlDownloader::multiHandle != NULL
+                           ? curl_multi_remove_handle(UrlDownloader::multiHandle, data->easyHandle)
+                           : CURLM_OK;
+        if (rc != CURLM_OK) {
+            UD_ERROR_AS("DownloaderCleanupEasyHandle",
+                        "\n\n *****curl_multi_remove_handle failed with error:: %s*****\n\n",
+                        curl_multi_strerror(rc));
+            // libcurl may still call back with this record: keep it, but cut
+            // it off from its request and its file. A body write now fails
+            // for want of a path, which aborts the transfer.
+            data->apiHandle = NULL;
+            if (data->fileHandle != NULL) {
+                fclose(data->fileHandle);
+                data->fileHandle = NULL;
+            }
+            free(data->filePath);
+            data->filePath = NULL;
+            return;
+        }
+        curl_easy_cleanup(data->easyHandle);
+        data->easyHandle = NULL;
+    }
+    engine->RemoveTransaction(data);
+}
+
+void _url_downloader_finish_transfer(UrlDownloader* engine, CURL* easy, url_downloader_curl_pvt_data* data,
+                                     CURLcode result)
+{
+    bool listed = data != NULL && g_list_find(UrlDownloader::activeTransactions, data) != NULL;
+    if (listed) {
+        // A detached record's request was already released by a cancellation:
+        // it gets no report.
+        if (data->apiHandle != NULL)
+            _url_downloader_response_cb(easy, data, result);
+        _url_downloader_teardown_transaction(engine, data);
+        return;
+    }
+    // No record of ours: still take the easy handle out of the multi handle,
+    // or it would stay there for good.
+    UD_ERROR_AS("url_downloader_download_loop", "Finished transfer has no active record");
+    if (UrlDownloader::multiHandle == NULL || curl_multi_remove_handle(UrlDownloader::multiHandle, easy) == CURLM_OK)
+        curl_easy_cleanup(easy);
+}
+
+void _url_downloader_release_transactions(UrlDownloader* engine)
+{
+    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
+    bool locked = engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err);
+    while (UrlDownloader::activeTransactions != NULL) {
+        url_downloader_curl_pvt_data* data = (url_downloader_curl_pvt_data*)UrlDownloader::activeTransactions->data;
+        UrlDownloader::activeTransactions =
+            g_list_delete_link(UrlDownloader::activeTransactions, UrlDownloader::activeTransactions);
+        if (data == NULL)
+            continue;
+        if (data->easyHandle != NULL) {
+            // curl_easy_cleanup detaches a handle from a multi handle that
+            // still exists; once the multi handle is gone it is detached already.
+            curl_easy_cleanup(data->easyHandle);
+            data->easyHandle = NULL;
+        }
+        free_record(data);
+    }
+    if (locked)
+        engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
+}
