@@ -1,0 +1,59 @@
+/* Library-wide lifecycle shared by registration, request submission and the
+ * processing thread: the state word, the guard that public calls hold while
+ * they use library state, and the clean-up of requests that never reach or
+ * leave the processing thread. */
+#ifndef URL_DOWNLOADER_LIBRARY_LIFECYCLE_H
+#define URL_DOWNLOADER_LIBRARY_LIFECYCLE_H
+
+#include "url-downloader-private.h"
+
+/* The state word is read by every public call without a lock; atomic access
+ * keeps those reads, and the stores of other threads, well defined. */
+static inline int _url_downloader_load_state(void)
+{
+    return __atomic_load_n(&url_downloader_state, __ATOMIC_SEQ_CST);
+}
+
+static inline void _url_downloader_store_state(int state)
+{
+    __atomic_store_n(&url_downloader_state, state, __ATOMIC_SEQ_CST);
+}
+
+/* Moves the state from not started to started. A finalization that has
+ * already set destroying keeps it: a plain test-then-store could overwrite it. */
+static inline void _url_downloader_mark_started(void)
+{
+    int expected = URL_DOWNLOADER_STATE_NOT_STARTED;
+    __atomic_compare_exchange_n(&url_downloader_state, &expected, (int)URL_DOWNLOADER_STATE_STARTED, false,
+                                __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+}
+
+/* Held by a public call (other than registration and finalization) for as
+ * long as it uses the request list, the locks or the pipe. Bringing the
+ * library up and taking it down wait for these calls to end and keep new ones
+ * out, so that no call meets a lock, pipe or list while it is made or
+ * destroyed. */
+class UdPublicCall {
+public:
+    UdPublicCall();
+    ~UdPublicCall();
+    UdPublicCall(const UdPublicCall&) = delete;
+    UdPublicCall& operator=(const UdPublicCall&) = delete;
+
+    /* Whether the library is up. When it is not, no handle can be valid and
+     * the list lock must not be touched. */
+    bool LibraryUp() const { return up_; }
+
+private:
+    bool up_;
+};
+
+/* Takes the request's entry out of the request list, if it is still there,
+ * and frees the entry (not the request record). Returns whether it was there. */
+bool _url_downloader_unlist_request(url_downloader_api_h api);
+
+/* Frees what a message that the processing thread will never handle owns:
+ * its info, and the request record when nobody else can free it. */
+void _url_downloader_discard_message(const url_downloader_message_t* message);
+
+#endif

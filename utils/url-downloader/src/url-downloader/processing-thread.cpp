@@ -1,0 +1,319 @@
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include "cache-policy.h"
+#include "library-lifecycle.h"
+#include "url-downloader-internal.h"
+
+namespace {
+
+const char* printable(const char* text) { return text != NULL ? text : "(null)"; }
+
+long handle_number(const void* handle) { return (long)(intptr_t)handle; }
+
+// Caller holds list_write_lock.
+bool listed_locked(url_downloader_api_h api)
+{
+    for (GList* node = url_downloader_request_list; node != NULL; node = node->next) {
+        if (((url_downloader_request_entry_t*)node->data)->api == api)
+            return true;
+    }
+    return false;
+}
+
+void _url_downloader_execute_download_request(url_downloader_api_h api, url_downloader_error* error)
+{
+    UD_BEGIN();
+    *error = URL_DOWNLOADER_ERROR_NONE;
+    UrlDownloader* engine = UrlDownloader::instance;
+    if (!_url_downloader_validate_api_handle(api)) {
+        UD_ERROR("Api not found in the global reuqets list");
+        return;
+    }
+    if (api->useCache) {
+        if (url_downloader_check_cache(api, error)) {
+            UD_DEBUG("URL found in the DB");
+            return;
+        }
+        UD_DEBUG("URL not found in DB");
+    }
+
+    if (engine != NULL && engine->DownloaderCreateEasyHandle(api)) {
+        UD_DEBUG("Download requested to CURL");
+        // A transfer that was added runs on the transfer thread's next cycle
+        // even when this wake-up is lost.
+        if (!engine->DownloaderExecuteRequest())
+            *error = URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED;
+    } else {
+        UD_ERROR("url_downloader_add_easy_handle failed");
+        // Without a transfer nothing would ever answer the request: answer it
+        // now as failed. A transfer that was added although the engine
+        // reported failure answers for itself.
+        if (api->transferActive == 0) {
+            free(api->filePath);
+            api->filePath = NULL;
+            api->error = URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED;
+            _url_downloader_resp_callback(api);
+        }
+    }
+    UD_END();
+}
+
+void _url_downloader_process_download_response(url_downloader_api_h api, url_downloader_response_info_t* info)
+{
+    UD_BEGIN();
+    if (!_url_downloader_validate_api_handle(api)) {
+        // A sweep dropped the request after its transfer had finished and
+        // left the record to this response.
+        UD_ERROR("Entry not found in the global list, api already canceled");
+        _url_downloader_free_api(api);
+        return;
+    }
+
+    if (info == NULL) {
+        UD_ERROR("Downloaded file meta data missing");
+    } else {
+        api->error = info->error;
+        if (api->error != URL_DOWNLOADER_ERROR_NONE) {
+            free(api->filePath);
+            api->filePath = NULL;
+        } else {
+            // Every successful download is offered to the cache, whether or
+            // not the request consulted it.
+            long now = (long)time(NULL);
+            long expiry = info->expiryTime;
+            if (now >= expiry)
+                expiry = now + DEFAULT_CACHE_LIFETIME;
+            url_downloader_cache record;
+            memset(&record, 0, sizeof record);
+            record.url = api->url;
+            record.filepath = api->filePath;
+            record.filesize = info->fileSize;
+            record.downloadtime = now;
+            record.expirytime = expiry;
+            record.appname = api->service != NULL ? api->service->appName : NULL;
+            UD_DEBUG("Adding to cache \n[ URL=%s,\n filesize=%ld,\n appid=%s,\n downloadtime=%ld,\n expirytime=%ld, "
+                     "filepath=%s]\n",
+                     printable(record.url), record.filesize, printable(record.appname), record.downloadtime,
+                     record.expirytime, printable(record.filepath));
+            char* cached = url_downloader_get_cache_filepath(&record);
+            if (cached != NULL) {
+                UD_DEBUG("URL Found in cache\n");
+                free(cached);
+            } else {
+                url_downloader_error cache_error = URL_DOWNLOADER_ERROR_NONE;
+                url_downloader_add_cache(&record, &cache_error);
+            }
+        }
+    }
+    _url_downloader_resp_callback(api);
+    UD_END();
+}
+
+void _url_downloader_execute_cancel_request(url_downloader_api_h api, url_downloader_error* error)
+{
+    UD_BEGIN();
+    *error = URL_DOWNLOADER_ERROR_NONE;
+    UrlDownloader* engine = UrlDownloader::instance;
+    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, error))
+        return;
+    bool cancelled = api != NULL && engine != NULL && listed_locked(api) && engine->DownloaderCancelRequest(api);
+    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, error))
+        return;
+
+    if (cancelled) {
+        api->error = URL_DOWNLOADER_ERROR_REQUEST_CANCELLED;
+        free(api->filePath);
+        api->filePath = NULL;
+        _url_downloader_resp_callback(api);
+    } else {
+        // Not running: not started yet, finished, or answered from the cache.
+        // It ends normally.
+        UD_ERROR("Api-handle %ld not found in the global-list", handle_number(api));
+    }
+    UD_END();
+}
+
+// The request sweep: drops the selected entries without callbacks.
+void _url_downloader_execute_cancel_all_request(url_downloader_message_t* message, bool withRegistration,
+                                                bool allServices, url_downloader_error* error)
+{
+    UD_BEGIN();
+    if (message == NULL || error == NULL) {
+        UD_ERROR("Invalid input param");
+        return;
+    }
+    UrlDownloader* engine = UrlDownloader::instance;
+    *error = URL_DOWNLOADER_ERROR_NONE;
+    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, error))
+        return;
+
+    // One pass: removing a node leaves the rest of the list intact, so the
+    // walk goes on from the node after it.
+    GList* node = url_downloader_request_list;
+    while (node != NULL) {
+        GList* next = node->next;
+        url_downloader_request_entry_t* entry = (url_downloader_request_entry_t*)node->data;
+        if (!allServices && entry->service != message->service) {
+            node = next;
+            continue;
+        }
+        if (entry->api == NULL) {
+            if (!withRegistration) {
+                node = next;
+                continue;
+            }
+            UD_DEBUG("Service registration entry for %s app removed from list",
+                     printable(entry->service != NULL ? entry->service->appName : NULL));
+            _url_downloader_free_service(entry->service);
+        } else {
+            url_downloader_api_t* api = entry->api;
+            // A transfer that has already finished reports back; its response
+            // frees the record. One that was torn down here never will.
+            bool owned_here = true;
+            if (api->transferActive != 0 && engine != NULL)
+                owned_here = engine->DownloaderCancelRequest(api);
+            if (owned_here) {
+                UD_DEBUG("Freeing api-handle %ld", handle_number(api));
+                _url_downloader_free_api(api);
+            }
+        }
+        url_downloader_request_list = g_list_delete_link(url_downloader_request_list, node);
+        free(entry);
+        node = next;
+    }
+    UD_DEBUG("List count is %d", (int)g_list_length(url_downloader_request_list));
+
+    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, error))
+        return;
+    UD_END();
+}
+
+void _url_downloader_execute_deregister_service(url_downloader_message_t* message, url_downloader_error* error)
+{
+    UD_BEGIN();
+    _url_downloader_execute_cancel_all_request(message, true, false, error);
+    UD_END();
+}
+
+void _url_downloader_execute_clean_request_list(url_downloader_message_t* message, url_downloader_error* error)
+{
+    UD_BEGIN();
+    _url_downloader_execute_cancel_all_request(message, true, true, error);
+    UD_END();
+}
+
+// Stops the transfer thread and destroys the engine.
+void shut_engine_down()
+{
+    UrlDownloader* engine = UrlDownloader::instance;
+    if (engine == NULL)
+        return;
+    if (!engine->DownloaderCleanupCurl()) {
+        // The transfer thread cannot be told to stop: joining it would hang,
+        // and destroying the engine under it would pull its state away.
+        UD_ERROR_AS("url_downloader_thread_loop", "Transfer engine left running");
+        return;
+    }
+    UD_ERROR_AS("url_downloader_thread_loop", "Waiting for pthread_join on curl thread to complete");
+    pthread_join(UrlDownloader::CurlThread, NULL);
+    delete engine;
+}
+} // namespace
+
+bool _url_downloader_unlist_request(url_downloader_api_h api)
+{
+    url_downloader_error error;
+    if (api == NULL || !_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error))
+        return false;
+    GList* node = url_downloader_request_list;
+    while (node != NULL && ((url_downloader_request_entry_t*)node->data)->api != api)
+        node = node->next;
+    if (node != NULL) {
+        free(node->data);
+        url_downloader_request_list = g_list_delete_link(url_downloader_request_list, node);
+    }
+    _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
+    return node != NULL;
+}
+
+void _url_downloader_discard_message(const url_downloader_message_t* message)
+{
+    if (message == NULL)
+        return;
+    switch (message->type) {
+    case URL_DOWNLOADER_MSG_DOWNLOAD_REQUEST:
+        // Still listed: nobody else will free it. Swept: the sweep freed it.
+        if (_url_downloader_unlist_request(message->api))
+            _url_downloader_free_api(message->api);
+        break;
+    case URL_DOWNLOADER_MSG_DOWNLOAD_RESPONSE:
+        // A request with a response on its way belongs to that response.
+        _url_downloader_unlist_request(message->api);
+        _url_downloader_free_api(message->api);
+        break;
+    default:
+        break;
+    }
+    free(message->info);
+}
+
+void* url_downloader_thread_loop(void* arg)
+{
+    UD_BEGIN();
+    bool stop = false;
+    while (!stop) {
+        url_downloader_message_t message;
+        memset(&message, 0, sizeof message);
+        url_downloader_error error = URL_DOWNLOADER_ERROR_NONE;
+        _url_downloader_mark_started();
+
+        _url_downloader_read_pipe(&message, &error);
+        if (error != URL_DOWNLOADER_ERROR_NONE) {
+            UD_ERROR("_url_downloader_read_pipe failed with error-code as %d", (int)error);
+            continue;
+        }
+
+        switch (message.type) {
+        case URL_DOWNLOADER_MSG_NONE:
+            break;
+        case URL_DOWNLOADER_MSG_DOWNLOAD_REQUEST:
+            _url_downloader_execute_download_request(message.api, &error);
+            break;
+        case URL_DOWNLOADER_MSG_DOWNLOAD_RESPONSE:
+            _url_downloader_process_download_response(message.api, message.info);
+            break;
+        case URL_DOWNLOADER_MSG_CANCEL_REQUEST:
+            _url_downloader_execute_cancel_request(message.api, &error);
+            break;
+        case URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST:
+            _url_downloader_execute_cancel_all_request(&message, false, false, &error);
+            UD_DEBUG("canceled all apis, unlocking semaphore");
+            sem_post(&url_downloader_cancel_all_sem);
+            break;
+        case URL_DOWNLOADER_MSG_DEREGISTER_SERVICE:
+            _url_downloader_execute_deregister_service(&message, &error);
+            UD_DEBUG("Deregistration of service complete, unlocking semaphore");
+            sem_post(&url_downloader_deregister_sem);
+            break;
+        case URL_DOWNLOADER_MSG_CLEAN_REQUEST_LIST:
+            _url_downloader_execute_clean_request_list(&message, &error);
+            stop = true;
+            break;
+        default:
+            UD_ERROR("Invalid message type");
+            break;
+        }
+
+        free(message.info);
+        if (error != URL_DOWNLOADER_ERROR_NONE)
+            UD_ERROR("Request executing failed with error-code as %d", (int)error);
+    }
+
+    shut_engine_down();
+    UD_ERROR("Closing the downloader thread!");
+    UD_END();
+    return NULL;
+}

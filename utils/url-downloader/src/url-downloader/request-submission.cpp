@@ -1,0 +1,145 @@
+#include <errno.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "library-lifecycle.h"
+
+namespace {
+const char* const kDestroyingLine = "Service state is destroying(Finalized call is running)\n";
+
+bool destroying() { return _url_downloader_load_state() == URL_DOWNLOADER_STATE_DESTROYING; }
+
+bool service_valid(const UdPublicCall& call, url_downloader_h service)
+{
+    return call.LibraryUp() && _url_downloader_validate_sercvice_handle(service);
+}
+} // namespace
+
+url_downloader_error url_downloader_download(url_downloader_h service, const char* filePath, const char* url,
+                                             bool useCache, const void* userData, url_downloader_api_h* handle)
+{
+    UD_BEGIN();
+    if (service == NULL) {
+        UD_ERROR("NULL service\n");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+    if (handle == NULL) {
+        UD_ERROR("NULL api-handle");
+        return URL_DOWNLOADER_ERROR_INVALID_API_HANDLE;
+    }
+    *handle = NULL;
+    if (destroying()) {
+        UD_ERROR("%s", kDestroyingLine);
+        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
+    }
+    UdPublicCall call;
+    if (destroying()) {
+        UD_ERROR("%s", kDestroyingLine);
+        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
+    }
+    if (!service_valid(call, service)) {
+        UD_ERROR("Invalid service");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+    if (filePath == NULL) {
+        UD_ERROR("NULL filename");
+        return URL_DOWNLOADER_ERROR_INVALID_FILE_PATH;
+    }
+    if (url == NULL) {
+        UD_ERROR("NULL URL");
+        return URL_DOWNLOADER_ERROR_INVALID_URL;
+    }
+
+    url_downloader_api_t* api = (url_downloader_api_t*)calloc(1, sizeof(url_downloader_api_t));
+    UD_ASSERT_ALLOC(api);
+    api->service = service;
+    api->filePath = strdup(filePath);
+    api->url = strdup(url);
+    api->useCache = useCache;
+    api->userData = userData;
+    UD_DEBUG("URL Downloader requested cache[%d], url[%s] filename[%s] \n", (int)useCache, url, filePath);
+
+    url_downloader_error error = URL_DOWNLOADER_ERROR_NONE;
+    if (!_url_downloader_prepend_request_list(service, api, &error) || error != URL_DOWNLOADER_ERROR_NONE) {
+        UD_ERROR("Appending request to the list failed");
+        _url_downloader_free_api(api);
+        return error;
+    }
+
+    error = _url_downloader_send_message(URL_DOWNLOADER_MSG_DOWNLOAD_REQUEST, service, api);
+    if (error != URL_DOWNLOADER_ERROR_NONE) {
+        UD_ERROR("Writing message to pipe failed");
+        // A cancel-all handled meanwhile may already have freed it.
+        if (_url_downloader_unlist_request(api))
+            _url_downloader_free_api(api);
+        return error;
+    }
+    *handle = api;
+    UD_END();
+    return URL_DOWNLOADER_ERROR_NONE;
+}
+
+url_downloader_error url_downloader_cancel_request(url_downloader_h service, url_downloader_api_h api)
+{
+    UD_BEGIN();
+    UD_DEBUG("api-handle is %ld", (long)(intptr_t)api);
+    if (service == NULL) {
+        UD_ERROR("NULL service");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+    if (destroying()) {
+        UD_ERROR("%s", kDestroyingLine);
+        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
+    }
+    UdPublicCall call;
+    if (destroying()) {
+        UD_ERROR("%s", kDestroyingLine);
+        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
+    }
+    if (!service_valid(call, service)) {
+        UD_ERROR("Invalid service");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+    if (!_url_downloader_validate_api_handle(api)) {
+        UD_ERROR("Invalid api handle");
+        return URL_DOWNLOADER_ERROR_INVALID_API_HANDLE;
+    }
+    url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_REQUEST, service, api);
+    if (error == URL_DOWNLOADER_ERROR_NONE)
+        UD_END();
+    return error;
+}
+
+url_downloader_error url_downloader_cancel_all_requests(url_downloader_h service)
+{
+    UD_BEGIN();
+    if (service == NULL) {
+        UD_ERROR("NULL service");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+    if (destroying()) {
+        UD_ERROR("%s", kDestroyingLine);
+        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
+    }
+    UdPublicCall call;
+    if (destroying()) {
+        UD_ERROR("%s", kDestroyingLine);
+        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
+    }
+    if (!service_valid(call, service)) {
+        UD_ERROR("Invalid service");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+    url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, service, NULL);
+    if (error == URL_DOWNLOADER_ERROR_NONE) {
+        UD_DEBUG("Waiting till all the requests are cancelled by processing thread");
+        int waited;
+        while ((waited = sem_wait(&url_downloader_cancel_all_sem)) != 0 && errno == EINTR) {
+        }
+        if (waited == 0)
+            UD_DEBUG("Cancelled all the requests");
+        UD_END();
+    }
+    return error;
+}

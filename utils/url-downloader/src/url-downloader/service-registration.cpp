@@ -1,0 +1,382 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "library-lifecycle.h"
+#include "url-cache-manager.h"
+#include "url-downloader-internal.h"
+
+volatile int url_downloader_state = URL_DOWNLOADER_STATE_NOT_STARTED;
+
+namespace {
+// Serialises registrations with each other and with finalization: racing
+// first registrations must bring the library up once, and no registration may
+// slip in while finalization takes the library down.
+pthread_mutex_t lifecycle_lock = PTHREAD_MUTEX_INITIALIZER;
+
+// Whether the semaphores, locks, pipe and processing thread exist. The state
+// word cannot tell: it says started only once the processing thread runs.
+// Written under lifecycle_lock with public_call_gate held exclusively.
+bool library_up = false;
+
+pthread_t processing_thread;
+
+// Shared by public calls while they use library state, exclusive while the
+// library is brought up or taken down. Never destroyed.
+pthread_rwlock_t public_call_gate = PTHREAD_RWLOCK_INITIALIZER;
+
+const char* const kDestroyingLine = "Service state is destroying(Finalized call is running)\n";
+
+bool destroying() { return _url_downloader_load_state() == URL_DOWNLOADER_STATE_DESTROYING; }
+
+url_downloader_error _url_downloader_create_pipe()
+{
+    // Close-on-exec: the pipe is the library's own and must not leak into
+    // programs that the client starts.
+    if (pipe2(url_downloader_pipe_fd, O_CLOEXEC) != 0) {
+        perror("pipeerror:");
+        UD_ERROR("Pipe creattion failed\n");
+        url_downloader_pipe_fd[0] = url_downloader_pipe_fd[1] = -1;
+        return URL_DOWNLOADER_ERROR_PIPE_CREATION_FAILED;
+    }
+    UD_DEBUG("Pipe created succesfully\n");
+    return URL_DOWNLOADER_ERROR_NONE;
+}
+
+url_downloader_error _url_downloader_create_thread()
+{
+    UD_BEGIN();
+    pthread_attr_t attr;
+    bool created = false;
+    if (pthread_attr_init(&attr) == 0) {
+        created = pthread_create(&processing_thread, &attr, url_downloader_thread_loop, NULL) == 0;
+        if (pthread_attr_destroy(&attr) != 0)
+            perror("Cannot destroy the attribute object\n");
+    }
+    if (!created) {
+        UD_ERROR("Thread ceation failed\n");
+        return URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED;
+    }
+    UD_END();
+    return URL_DOWNLOADER_ERROR_NONE;
+}
+
+void close_processing_pipe()
+{
+    for (int i = 0; i < 2; ++i) {
+        if (url_downloader_pipe_fd[i] >= 0)
+            close(url_downloader_pipe_fd[i]);
+        url_downloader_pipe_fd[i] = -1;
+    }
+}
+
+void destroy_list_and_pipe_locks()
+{
+    url_downloader_error error;
+    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_DESTROY, &error))
+        UD_ERROR_AS("url_downloader_finalize", "Destroying list mutex failed with error-code as %d", (int)error);
+    if (!_url_downloader_pipe_write_mutex_operation(URL_DOWNLOADER_MUTEX_DESTROY, &error))
+        UD_ERROR_AS("url_downloader_finalize", "Destroying pipe write mutex failed with error-code as %d", (int)error);
+}
+
+// Brings the library up. A failed step undoes the earlier ones, so that a
+// later registration starts from scratch and nothing is left behind.
+// Caller holds lifecycle_lock and public_call_gate exclusively.
+url_downloader_error _url_downloader_init()
+{
+    // Cannot fail: process-private, initial value 0.
+    sem_init(&url_downloader_cancel_all_sem, 0, 0);
+    sem_init(&url_downloader_deregister_sem, 0, 0);
+
+    url_downloader_error error = URL_DOWNLOADER_ERROR_NONE;
+    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_INIT, &error)) {
+        UD_ERROR("Global list protection mutex failed\n");
+    } else if (!_url_downloader_pipe_write_mutex_operation(URL_DOWNLOADER_MUTEX_INIT, &error)) {
+        UD_ERROR("Pipe write protection mutex failed\n");
+    } else if ((error = _url_downloader_create_pipe()) != URL_DOWNLOADER_ERROR_NONE) {
+        UD_ERROR("Pipe creation failed\n");
+    } else if ((error = _url_downloader_create_thread()) != URL_DOWNLOADER_ERROR_NONE) {
+        close_processing_pipe();
+    }
+    if (error != URL_DOWNLOADER_ERROR_NONE) {
+        url_downloader_error ignored;
+        _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_DESTROY, &ignored);
+        _url_downloader_pipe_write_mutex_operation(URL_DOWNLOADER_MUTEX_DESTROY, &ignored);
+        sem_destroy(&url_downloader_cancel_all_sem);
+        sem_destroy(&url_downloader_deregister_sem);
+    }
+    return error;
+}
+
+// Messages still in the pipe behind the clean-up message (results of
+// transfers that finished during the sweep) own memory; read them without
+// blocking and release it.
+void drain_processing_pipe()
+{
+    int flags = fcntl(url_downloader_pipe_fd[0], F_GETFL);
+    if (flags < 0 || fcntl(url_downloader_pipe_fd[0], F_SETFL, flags | O_NONBLOCK) < 0) {
+        perror("fcntl");
+        return;
+    }
+    for (;;) {
+        url_downloader_message_t message;
+        memset(&message, 0, sizeof message);
+        ssize_t bytes = read(url_downloader_pipe_fd[0], &message, sizeof message);
+        if (bytes < 0 && errno == EINTR)
+            continue;
+        if (bytes != (ssize_t)sizeof message)
+            break;
+        _url_downloader_discard_message(&message);
+    }
+}
+
+// Looks the service up and, while the list lock still keeps it alive, applies
+// change to it. Returns whether the service was listed.
+template <typename Change>
+bool with_listed_service(url_downloader_h service, Change change)
+{
+    url_downloader_error error;
+    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error))
+        return false;
+    bool listed = _url_downloader_validate_sercvice_handle(service);
+    if (listed)
+        change(service);
+    _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
+    return listed;
+}
+} // namespace
+
+UdPublicCall::UdPublicCall()
+{
+    pthread_rwlock_rdlock(&public_call_gate);
+    up_ = library_up;
+}
+
+UdPublicCall::~UdPublicCall() { pthread_rwlock_unlock(&public_call_gate); }
+
+url_downloader_error url_downloader_register(const char* appName, url_downloader_callback_t callback,
+                                             const url_downloader_config_t* config, url_downloader_h* handle)
+{
+    UD_BEGIN();
+    if (handle == NULL) {
+        UD_ERROR("Handle not allocated\n");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+    *handle = NULL;
+    if (destroying()) {
+        UD_ERROR("%s", kDestroyingLine);
+        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
+    }
+
+    pthread_mutex_lock(&lifecycle_lock);
+    if (destroying()) { // a finalization whose clean-up could not be queued
+        pthread_mutex_unlock(&lifecycle_lock);
+        UD_ERROR("%s", kDestroyingLine);
+        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
+    }
+    if (library_up) {
+        UD_DEBUG_AS("_url_downloader_init", "service already started\n");
+    } else {
+        pthread_rwlock_wrlock(&public_call_gate);
+        url_downloader_error error = _url_downloader_init();
+        library_up = error == URL_DOWNLOADER_ERROR_NONE;
+        pthread_rwlock_unlock(&public_call_gate);
+        if (error != URL_DOWNLOADER_ERROR_NONE) {
+            pthread_mutex_unlock(&lifecycle_lock);
+            return error;
+        }
+    }
+
+    if (UrlDownloader::CreateInstance() == NULL) {
+        pthread_mutex_unlock(&lifecycle_lock);
+        return URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED;
+    }
+
+    url_downloader_service_t* temp_service = (url_downloader_service_t*)calloc(1, sizeof(url_downloader_service_t));
+    UD_ASSERT_ALLOC(temp_service);
+    if (appName != NULL)
+        temp_service->appName = strdup(appName);
+    temp_service->callback = callback;
+    if (config != NULL && config->proxy != NULL) {
+        UD_DEBUG("Network proxy is set by application as [%s]\n", config->proxy);
+        temp_service->fwConfig = (url_downloader_config_t*)calloc(1, sizeof(url_downloader_config_t));
+        UD_ASSERT_ALLOC(temp_service->fwConfig);
+        temp_service->fwConfig->proxy = strdup(config->proxy);
+    }
+
+    url_downloader_error error = URL_DOWNLOADER_ERROR_NONE;
+    _url_downloader_prepend_request_list(temp_service, NULL, &error);
+    pthread_mutex_unlock(&lifecycle_lock);
+    if (error != URL_DOWNLOADER_ERROR_NONE) {
+        _url_downloader_free_service(temp_service);
+        UD_ERROR("Message_write failed with error-code as %d", (int)error);
+        return error;
+    }
+    *handle = temp_service;
+    UD_END();
+    return URL_DOWNLOADER_ERROR_NONE;
+}
+
+url_downloader_error url_downloader_configure_network(url_downloader_h service, const url_downloader_config_t* config)
+{
+    UD_BEGIN();
+    if (service == NULL) {
+        UD_ERROR("invalid handle");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+    if (config == NULL || config->proxy == NULL) {
+        UD_ERROR("invalid handle");
+        return URL_DOWNLOADER_ERROR_INVALID_NETWORK_CONFIG;
+    }
+
+    // The engine reads the proxy under the list lock when it sets up a
+    // transfer; replacing it under the same lock, and only while the service
+    // is listed, never hands it a freed string nor writes into a freed service.
+    char* proxy = strdup(config->proxy);
+    UdPublicCall call;
+    bool listed = false;
+    url_downloader_error error;
+    if (call.LibraryUp() && _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error)) {
+        listed = _url_downloader_validate_sercvice_handle(service);
+        if (listed) {
+            if (service->fwConfig != NULL) {
+                free(service->fwConfig->proxy);
+                service->fwConfig->proxy = NULL;
+            } else {
+                service->fwConfig = (url_downloader_config_t*)calloc(1, sizeof(url_downloader_config_t));
+                UD_ASSERT_ALLOC(service->fwConfig);
+            }
+            UD_DEBUG("Network proxy is set by application as [%s]\n", proxy);
+            service->fwConfig->proxy = proxy;
+        }
+        _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
+    }
+    if (!listed) {
+        free(proxy);
+        UD_ERROR("Invalid service");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+    UD_END();
+    return URL_DOWNLOADER_ERROR_NONE;
+}
+
+url_downloader_error url_downloader_clean(url_downloader_h service)
+{
+    UD_BEGIN();
+    if (service == NULL) {
+        UD_ERROR("NULL service");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+    if (destroying()) {
+        UD_ERROR("%s", kDestroyingLine);
+        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
+    }
+    UdPublicCall call;
+    if (destroying()) {
+        UD_ERROR("%s", kDestroyingLine);
+        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
+    }
+    // The name is copied under the list lock: a deregistration carried out
+    // meanwhile frees the service.
+    char* appName = NULL;
+    bool listed = call.LibraryUp() && with_listed_service(service, [&appName](url_downloader_h s) {
+        if (s->appName != NULL)
+            appName = strdup(s->appName);
+    });
+    if (!listed) {
+        UD_ERROR("Invalid service");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+    URLCacheManager* cache = URLCacheManager::getInstance();
+    bool deleted = cache != NULL && cache->deleteUrlCache(appName);
+    free(appName);
+    return deleted ? URL_DOWNLOADER_ERROR_NONE : URL_DOWNLOADER_ERROR_CACHE_CLEAN_FAILED;
+}
+
+url_downloader_error url_downloader_deregister(url_downloader_h service)
+{
+    UD_BEGIN();
+    if (service == NULL) {
+        UD_ERROR("NULL service");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+    if (destroying()) {
+        UD_ERROR("%s", kDestroyingLine);
+        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
+    }
+    UdPublicCall call;
+    if (destroying()) {
+        UD_ERROR("%s", kDestroyingLine);
+        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
+    }
+    // Silencing the callback under the list lock: delivery reads it there.
+    bool listed = call.LibraryUp() && with_listed_service(service, [](url_downloader_h s) { s->callback = NULL; });
+    if (!listed) {
+        UD_ERROR("Invalid service");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+
+    url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_DEREGISTER_SERVICE, service, NULL);
+    if (error != URL_DOWNLOADER_ERROR_NONE)
+        return error;
+
+    UD_DEBUG("Waiting till service is deregistered by processing thread");
+    int waited;
+    while ((waited = sem_wait(&url_downloader_deregister_sem)) != 0 && errno == EINTR) {
+    }
+    if (waited == 0)
+        UD_DEBUG("Deregistered service");
+    UD_END();
+    return URL_DOWNLOADER_ERROR_NONE;
+}
+
+void url_downloader_finalize(void)
+{
+    UD_BEGIN();
+    if (destroying()) {
+        UD_ERROR("Service is in destroying state");
+        return;
+    }
+    pthread_mutex_lock(&lifecycle_lock);
+    if (destroying()) {
+        pthread_mutex_unlock(&lifecycle_lock);
+        UD_ERROR("Service is in destroying state");
+        return;
+    }
+    if (!library_up) {
+        pthread_mutex_unlock(&lifecycle_lock);
+        UD_ERROR("Service not started. Nothing to be done");
+        return;
+    }
+
+    // From here public calls are refused; those already running finish
+    // before the clean-up is queued, so nothing of theirs can come after it.
+    _url_downloader_store_state(URL_DOWNLOADER_STATE_DESTROYING);
+    pthread_rwlock_wrlock(&public_call_gate);
+
+    url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_CLEAN_REQUEST_LIST, NULL, NULL);
+    if (error != URL_DOWNLOADER_ERROR_NONE) {
+        UD_ERROR("url_downloader_write_pipe failed with error-code as %d", (int)error);
+        pthread_rwlock_unlock(&public_call_gate);
+        pthread_mutex_unlock(&lifecycle_lock);
+        return;
+    }
+
+    UD_ERROR("Waiting for pthread_join on downloader thread to complete");
+    pthread_join(processing_thread, NULL);
+    drain_processing_pipe();
+
+    sem_destroy(&url_downloader_cancel_all_sem);
+    sem_destroy(&url_downloader_deregister_sem);
+    destroy_list_and_pipe_locks();
+    close_processing_pipe();
+
+    library_up = false;
+    _url_downloader_store_state(URL_DOWNLOADER_STATE_NOT_STARTED);
+    pthread_rwlock_unlock(&public_call_gate);
+    pthread_mutex_unlock(&lifecycle_lock);
+    UD_END();
+}
