@@ -35,7 +35,7 @@ TEST(Exports, OnlyTheInterfaceIsExported)
         "url_downloader_download_loop", "url_downloader_body_parser", "url_downloader_header_parser",
         "_Z29_url_downloader_idle_callbackPv"};
     // Members of the three exported classes (functions and static data).
-    const std::regex member("_ZN(K)?(12UrlDownloader|15URLCacheManager|8UrlCache)[A-Za-z0-9_]+");
+    const std::regex member("_ZN(K)?(13UrlDownloader|15URLCacheManager|8UrlCache)[A-Za-z0-9_]+");
     // Instrumentation that sanitizer builds add.
     const std::regex sanitizer("(__odr_asan|__asan|__tsan|__ubsan|__sanitizer).*");
 
@@ -53,8 +53,8 @@ TEST(Exports, OnlyTheInterfaceIsExported)
 
     for (const auto& s : plain)
         EXPECT_EQ(1u, symbols.count(s)) << s << " is not exported";
-    for (const char* s : {"_ZN12UrlDownloader14CreateInstanceEv", "_ZN15URLCacheManager11getInstanceEv",
-                          "_ZN8UrlCacheC1Ev", "_ZN12UrlDownloader8instanceE"})
+    for (const char* s : {"_ZN13UrlDownloader14CreateInstanceEv", "_ZN15URLCacheManager11getInstanceEv",
+                          "_ZN8UrlCacheC1Ev", "_ZN13UrlDownloader8instanceE"})
         EXPECT_EQ(1u, symbols.count(s)) << s << " is not exported";
 }
 
