@@ -1,0 +1,39 @@
+// Command line of the url-downloader client.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace udcli {
+
+enum class Command { Help, Get, Clean };
+
+// One download asked for on the command line.
+struct DownloadArg {
+    std::string url;
+    std::string path; // absolute destination
+};
+
+struct Options {
+    Command command = Command::Help;
+    bool use_cache = false;
+    std::string app = "url-downloader";
+    std::optional<std::string> proxy;
+    std::string out_dir; // absolute
+    std::vector<DownloadArg> downloads;
+};
+
+// Fills *out from the arguments. Returns an empty string on success, or a
+// one-line description of what is wrong with them.
+std::string ParseArguments(int argc, char** argv, Options* out);
+
+// The --help text.
+const char* UsageText();
+
+// Default file name for a URL: its last path segment, decoded, or
+// "index.html" when that is empty or not a usable file name. Exposed for the
+// destination rules; url must already be valid.
+std::string DefaultFileName(const std::string& url);
+
+} // namespace udcli
