@@ -13,6 +13,12 @@ const char* printable(const char* text) { return text != NULL ? text : "(null)";
 
 long handle_number(const void* handle) { return (long)(intptr_t)handle; }
 
+gboolean free_swept_request(gpointer api)
+{
+    _url_downloader_free_api((url_downloader_api_t*)api);
+    return G_SOURCE_REMOVE;
+}
+
 // Caller holds list_write_lock.
 bool listed_locked(url_downloader_api_h api)
 {
@@ -172,12 +178,19 @@ void _url_downloader_execute_cancel_all_request(url_downloader_message_t* messag
             url_downloader_api_t* api = entry->api;
             // A transfer that has already finished reports back; its response
             // frees the record. One that was torn down here never will.
-            bool owned_here = true;
-            if (api->transferActive != 0 && engine != NULL)
-                owned_here = engine->DownloaderCancelRequest(api);
-            if (owned_here) {
+            if (api->transferActive != 0) {
+                if (engine == NULL || engine->DownloaderCancelRequest(api)) {
+                    UD_DEBUG("Freeing api-handle %ld", handle_number(api));
+                    _url_downloader_free_api(api);
+                }
+            } else {
                 UD_DEBUG("Freeing api-handle %ld", handle_number(api));
-                _url_downloader_free_api(api);
+                // It may have been handed over for delivery already. Its idle
+                // source, queued before this one, finds no entry and leaves
+                // it alone; freeing it only after that keeps its address from
+                // being reused by a new request that the stale source would
+                // then deliver.
+                g_idle_add(free_swept_request, api);
             }
         }
         url_downloader_request_list = g_list_delete_link(url_downloader_request_list, node);
