@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -13,24 +12,19 @@
 #include "url-downloader-curl.h"
 #include "url-downloader-internal.h"
 
-using ud_test::kError;
-using ud_test::LogCapture;
-
 namespace {
 
-// Feeds each line as libcurl does, without a terminating NUL: the line ends
-// right before an inaccessible page, so any read past it faults.
+// Feeds the lines as libcurl does, without a terminating NUL: each ends right
+// before an inaccessible page, so any read past it faults.
 long Parse(std::initializer_list<std::string> lines, long start = 0)
 {
     const size_t page = (size_t)sysconf(_SC_PAGESIZE);
     char* area = (char*)mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    EXPECT_NE(MAP_FAILED, (void*)area);
     EXPECT_EQ(0, mprotect(area + page, page, PROT_NONE));
     url_downloader_curl_pvt_data record{};
     record.expiryTime = start;
     for (const std::string& line : lines) {
-        char* at = area + page - line.size();
-        memcpy(at, line.data(), line.size());
+        char* at = (char*)memcpy(area + page - line.size(), line.data(), line.size());
         EXPECT_EQ(line.size(), url_downloader_header_parser(at, 1, line.size(), &record)) << line;
     }
     munmap(area, 2 * page);
@@ -38,72 +32,53 @@ long Parse(std::initializer_list<std::string> lines, long start = 0)
 }
 
 class HeaderParser : public ::testing::Test {
-protected:
     void SetUp() override
     {
-        setenv("TZ", "America/New_York", 1);
+        setenv("TZ", "America/New_York", 1); // has summer time
         tzset();
     }
 };
 
-TEST_F(HeaderParser, ExpiresIsReadAsLocalTimeWithSummerTime)
+TEST_F(HeaderParser, ExpiresIsLocalTimeAndLastHeaderWins)
 {
     EXPECT_EQ(786315600, Parse({"Expires: Thu, 01 Dec 1994 16:00:00 GMT\r\n"}));
-    // July is summer time in New York: an hour earlier than a fixed offset gives.
-    EXPECT_EQ(773092800, Parse({"Expires: Fri, 01 Jul 1994 16:00:00 GMT\r\n"}));
-    // No comma and blank after the name: nothing to read.
+    EXPECT_EQ(773092800, Parse({"Expires: Fri, 01 Jul 1994 16:00:00 GMT\r\n"})) << "summer time";
     EXPECT_EQ(42, Parse({"Expires: 0\r\n", "Expires: -1\r\n", "Expires: Thu,"}, 42));
-
-    LogCapture log;
+    ud_test::LogCapture log;
     EXPECT_EQ(-1, Parse({"Expires: Thu, tomorrow at noon\r\n"}, 42));
-    EXPECT_TRUE(log.Contains(kError, "url_downloader_header_parser", "strptime failed"));
-}
+    EXPECT_TRUE(log.Contains(ud_test::kError, "url_downloader_header_parser", "strptime failed"));
 
-TEST_F(HeaderParser, CacheControlMaxAgeForms)
-{
-    struct {
-        std::string line;
-        long max_age;
-    } cases[] = {
-        {"Cache-Control: max-age=3600\r\n", 3600},
-        {"Cache-Control: public, max-age=600, must-revalidate\r\n", 600},
-        {"Cache-Control: private, max-age=60\r\n", 60},
-        // The value is cut at the first comma only when it lies within 63 characters.
-        {"Cache-Control: max-age=" + std::string(59, '0') + "3600,x\r\n", 3600},
-        {"Cache-Control: max-age=" + std::string(60, '0') + "3600,x\r\n", 0},
-        {"Cache-Control: max-age=abc\r\n", 0},
-        {"Cache-Control: max-age=", 0},
-    };
-    for (const auto& c : cases) {
-        long before = (long)time(nullptr);
-        long got = Parse({c.line});
-        long after = (long)time(nullptr);
-        EXPECT_GE(got, before + c.max_age) << c.line;
-        EXPECT_LE(got, after + c.max_age) << c.line;
-    }
-    // A max-age beyond any clock saturates instead of overflowing.
-    EXPECT_EQ(LONG_MAX, Parse({"Cache-Control: max-age=99999999999999999999"}));
-
-    for (const char* line : {"Cache-Control: no-cache, max-age=0\r\n", "Cache-Control: public,max-age=600\r\n",
-                             "cache-control: max-age=60\r\n", "expires: Thu, 01 Dec 1994 16:00:00 GMT\r\n",
-                             "HTTP/1.1 200 OK\r\n", "Cache-Control: max-age"})
-        EXPECT_EQ(7, Parse({line}, 7)) << line;
-}
-
-TEST_F(HeaderParser, LastHeaderOfTheTransferWins)
-{
     long now = (long)time(nullptr);
     EXPECT_EQ(786315600, Parse({"Cache-Control: max-age=60\r\n", "Expires: Thu, 01 Dec 1994 16:00:00 GMT\r\n"}));
     EXPECT_GE(Parse({"Expires: Thu, 01 Dec 1994 16:00:00 GMT\r\n", "Cache-Control: max-age=60\r\n"}), now + 60);
     EXPECT_EQ(-1, Parse({"Cache-Control: max-age=60\r\n", "Expires: Thu, 32 Foo 1994 16:00:00 GMT\r\n"}));
 }
 
-TEST_F(HeaderParser, NoRecordAbortsTheTransfer)
+TEST_F(HeaderParser, CacheControlMaxAge)
 {
-    LogCapture log;
+    const std::pair<std::string, long> cases[] = {
+        {"Cache-Control: max-age=3600\r\n", 3600},
+        {"Cache-Control: public, max-age=600, must-revalidate\r\n", 600},
+        {"Cache-Control: private, max-age=60\r\n", 60},
+        // Cut at the first comma only when it lies within 63 characters.
+        {"Cache-Control: max-age=" + std::string(59, '0') + "3600,x\r\n", 3600},
+        {"Cache-Control: max-age=" + std::string(60, '0') + "3600,x\r\n", 0},
+        {"Cache-Control: max-age=abc\r\n", 0},
+        {"Cache-Control: max-age=", 0},
+    };
+    for (const auto& c : cases) {
+        long before = (long)time(nullptr), got = Parse({c.first}), after = (long)time(nullptr);
+        EXPECT_TRUE(got >= before + c.second && got <= after + c.second) << c.first << " gave " << got;
+    }
+    EXPECT_EQ(LONG_MAX, Parse({"Cache-Control: max-age=99999999999999999999"})) << "saturates";
+
+    for (const char* line : {"Cache-Control: no-cache, max-age=0\r\n", "Cache-Control: public,max-age=600\r\n",
+                             "cache-control: max-age=60\r\n", "expires: Thu, 01 Dec 1994 16:00:00 GMT\r\n",
+                             "HTTP/1.1 200 OK\r\n", "Cache-Control: max-age"})
+        EXPECT_EQ(7, Parse({line}, 7)) << line;
+
     char line[] = "Cache-Control: max-age=60\r\n";
-    EXPECT_EQ(0u, url_downloader_header_parser(line, 1, sizeof line - 1, nullptr));
-    EXPECT_TRUE(log.Contains(kError, "url_downloader_header_parser", "User_data is NULL. returning!"));
+    EXPECT_EQ(0u, url_downloader_header_parser(line, 1, sizeof line - 1, nullptr)) << "no record aborts";
 }
 
 } // namespace
