@@ -28,6 +28,8 @@ struct FileState {
 // Bytes per second over a sliding window of samples.
 class RateMeter {
 public:
+    // Nothing is written at the start.
+    RateMeter() { samples_.emplace_back(0.0, 0); }
     void Add(double seconds, int64_t bytes);
     double Rate() const;
 

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -27,89 +28,69 @@ namespace {
 using namespace std::chrono_literals;
 using ud_test::TestServer;
 using Clock = std::chrono::steady_clock;
+using Fields = std::vector<std::string>;
 
-// A client program running with its output on pipes.
+// A client program with its standard output on a pipe and its standard error
+// in a file.
 class Process {
 public:
     explicit Process(const std::vector<std::string>& args, const std::string& program = UD_CLI_PROGRAM)
+        : err_path_(ud_test::TempPath("stderr-" + std::to_string(++count_)))
     {
         EXPECT_TRUE(ud_test::FileExists(UD_CLI_DB_REDIRECT)) << "the database redirection must be built";
-        std::vector<std::string> env;
-        for (char** e = environ; *e != nullptr; ++e) {
-            const std::string var = *e;
-            if (var.rfind("LD_PRELOAD=", 0) != 0 && var.rfind("UD_TEST_DB_DIR=", 0) != 0 &&
-                var.rfind("ASAN_OPTIONS=", 0) != 0)
-                env.push_back(var);
-        }
-        env.push_back(std::string("LD_PRELOAD=") + UD_CLI_DB_REDIRECT);
-        env.push_back("UD_TEST_DB_DIR=" + ud_test::TempDir());
-        // The preloaded library comes before the sanitizer runtime.
+        // The preloaded library comes before the sanitizer runtime: allow it.
         const char* asan = std::getenv("ASAN_OPTIONS");
-        env.push_back(std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":verify_asan_link_order=0");
-
-        std::vector<char*> argv{const_cast<char*>(program.c_str())};
+        std::vector<std::string> env{std::string("LD_PRELOAD=") + UD_CLI_DB_REDIRECT,
+                                     "UD_TEST_DB_DIR=" + ud_test::TempDir(),
+                                     std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0"};
+        for (char** e = environ; *e != nullptr; ++e)
+            if (std::strncmp(*e, "LD_PRELOAD=", 11) != 0 && std::strncmp(*e, "ASAN_OPTIONS=", 13) != 0)
+                env.push_back(*e);
+        std::vector<char*> argv{const_cast<char*>(program.c_str())}, envp;
         for (const std::string& a : args)
             argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        std::vector<char*> envp;
         for (std::string& e : env)
             envp.push_back(&e[0]);
+        argv.push_back(nullptr);
         envp.push_back(nullptr);
 
-        int out[2], err[2];
+        int out[2];
         EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
-        EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+        posix_spawn_file_actions_addopen(&actions, 2, err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         EXPECT_EQ(posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data()), 0);
         posix_spawn_file_actions_destroy(&actions);
         close(out[1]);
-        close(err[1]);
-        fds_[0] = out[0];
-        fds_[1] = err[0];
+        fd_ = out[0];
     }
 
     ~Process()
     {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
+        if (pid_ > 0 && kill(pid_, SIGKILL) == 0)
             waitpid(pid_, nullptr, 0);
-        }
-        for (int fd : fds_)
-            if (fd >= 0)
-                close(fd);
+        close(fd_);
     }
 
-    // Reads output until done(stdout so far) holds, the output ends or the
+    // Reads standard output until done(output so far) holds, it ends or the
     // timeout passes; returns done's last answer.
     bool ReadUntil(const std::function<bool(const std::string&)>& done, std::chrono::milliseconds timeout)
     {
         const auto deadline = Clock::now() + timeout;
-        while (!done(out_) && (fds_[0] >= 0 || fds_[1] >= 0) && Clock::now() < deadline) {
-            pollfd p[2] = {{fds_[0], POLLIN, 0}, {fds_[1], POLLIN, 0}};
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-            if (poll(p, 2, static_cast<int>(std::max<long long>(left.count(), 1))) <= 0)
+        char buf[4096];
+        while (!done(out_) && !eof_ && Clock::now() < deadline) {
+            pollfd p{fd_, POLLIN, 0};
+            if (poll(&p, 1, 100) <= 0)
                 continue;
-            for (int i = 0; i < 2; ++i) {
-                if (p[i].revents == 0)
-                    continue;
-                char buf[4096];
-                const ssize_t n = read(fds_[i], buf, sizeof buf);
-                if (n > 0) {
-                    (i == 0 ? out_ : err_).append(buf, static_cast<size_t>(n));
-                } else {
-                    close(fds_[i]);
-                    fds_[i] = -1;
-                }
-            }
+            const ssize_t n = read(fd_, buf, sizeof buf);
+            eof_ = n <= 0;
+            out_.append(buf, n > 0 ? static_cast<size_t>(n) : 0);
         }
         return done(out_);
     }
 
-    // Exit status once the program has ended, -1 when it did not in time
-    // (it is killed then).
+    // Exit status once the program has ended; -1 when it did not in time.
     int Wait(std::chrono::milliseconds timeout = 60s)
     {
         const auto deadline = Clock::now() + timeout;
@@ -125,84 +106,59 @@ public:
     }
 
     const std::string& Out() const { return out_; }
-    const std::string& Err() const { return err_; }
+    std::string Err() const { return ud_test::ReadFile(err_path_); }
 
 private:
+    static inline int count_ = 0;
+    std::string err_path_;
     pid_t pid_ = -1;
-    int fds_[2] = {-1, -1};
-    std::string out_, err_;
+    int fd_ = -1;
+    bool eof_ = false;
+    std::string out_;
 };
 
-std::vector<std::string> Lines(const std::string& text)
+std::vector<std::string> Split(const std::string& text, char separator)
 {
-    std::vector<std::string> lines;
+    std::vector<std::string> parts;
     std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
+    for (std::string part; std::getline(in, part, separator);)
+        parts.push_back(part);
+    return parts;
 }
 
-// The tab-separated fields of the result lines: URL, path, size, error, source.
-std::vector<std::vector<std::string>> Results(const std::string& out)
+// Fields of the result lines: URL, path, size, error, source.
+std::vector<Fields> Results(const std::string& out)
 {
-    std::vector<std::vector<std::string>> results;
-    for (const std::string& line : Lines(out)) {
-        if (line.rfind("result\t", 0) != 0)
-            continue;
-        std::vector<std::string> fields;
-        std::istringstream in(line.substr(7));
-        for (std::string f; std::getline(in, f, '\t');)
-            fields.push_back(f);
-        results.push_back(fields);
-    }
+    std::vector<Fields> results;
+    for (const std::string& line : Split(out, '\n'))
+        if (line.rfind("result\t", 0) == 0)
+            results.push_back(Split(line.substr(7), '\t'));
     return results;
-}
-
-std::vector<std::string> Result(const std::string& url, const std::string& path, const std::string& size,
-                                const std::string& error, const std::string& source)
-{
-    return {url, path, size, error, source};
 }
 
 TEST(CliArguments, BadArgumentsExitTwoWithAnErrorAndAHintAndTouchNothing)
 {
     TestServer server;
-    server.Route("/a", {200, {}, "body"});
     const std::string dir = ud_test::TempPath("out");
     const std::string url = server.Url("/a");
     const std::vector<std::vector<std::string>> cases = {
-        {},
-        {"fetch", url},
-        {"get"},
-        {"get", "-o", dir},
-        {"get", "--bogus", url},
-        {"get", "-x", url},
-        {"get", url, "--app"},
-        {"get", "=" + dir + "/a"},
-        {"get", url + "="},
-        {"get", url + "=" + dir + "/"},
-        {"get", "ftp://127.0.0.1/a"},
-        {"get", "no-scheme/a"},
-        {"get", "http:///a"},
-        {"get", "-o", dir, url, server.Url("/b/a")},
-        {"clean"},
-        {"clean", "--app", "x", url},
-        {"clean", "--cache", "--app", "x"},
+        {}, {"fetch", url}, {"get"}, {"get", "-o", dir}, {"get", "--bogus", url}, {"get", "-x", url},
+        {"get", url, "--app"}, {"get", "=" + dir + "/a"}, {"get", url + "="}, {"get", url + "=" + dir + "/"},
+        {"get", "ftp://127.0.0.1/a"}, {"get", "no-scheme/a"}, {"get", "http:///a"},
+        {"get", "-o", dir, url, server.Url("/b/a")}, // one destination twice
+        {"clean"}, {"clean", "--app", "x", url}, {"clean", "--cache", "--app", "x"},
     };
     for (const auto& args : cases) {
-        std::string shown;
-        for (const auto& a : args)
-            shown += " " + a;
-        SCOPED_TRACE("arguments:" + shown);
         Process client(args);
+        SCOPED_TRACE(::testing::PrintToString(args));
         EXPECT_EQ(client.Wait(), 2);
         EXPECT_EQ(client.Out(), "");
-        const auto err = Lines(client.Err());
+        const auto err = Split(client.Err(), '\n');
         ASSERT_EQ(err.size(), 2u) << client.Err();
         EXPECT_EQ(err[0].rfind("url-downloader: ", 0), 0u);
         EXPECT_NE(err[1].find("--help"), std::string::npos);
     }
-    EXPECT_EQ(server.RequestCount("/a"), 0u);
+    EXPECT_EQ(server.Requests().size(), 0u);
     EXPECT_FALSE(ud_test::FileExists(dir));
     EXPECT_FALSE(ud_test::FileExists(ud_test::CacheDbPath()));
 
@@ -223,78 +179,51 @@ TEST(CliGet, AFailedRequestIsReportedAndMakesTheExitStatusOne)
     ASSERT_EQ(client.Wait(), 1) << client.Err();
     const auto results = Results(client.Out());
     ASSERT_EQ(results.size(), 2u) << client.Out();
-    EXPECT_EQ(results[0], Result(server.Url("/files/ok.bin"), dir + "/ok.bin", "5000", "URL_DOWNLOADER_ERROR_NONE",
-                                 "network"));
-    EXPECT_EQ(results[1], Result(server.Url("/gone"), "-", "-", "URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED", "-"));
+    EXPECT_EQ(results[0], (Fields{server.Url("/files/ok.bin"), dir + "/ok.bin", "5000", "URL_DOWNLOADER_ERROR_NONE",
+                                  "network"}));
+    EXPECT_EQ(results[1], (Fields{server.Url("/gone"), "-", "-", "URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED", "-"}));
     EXPECT_EQ(ud_test::ReadFile(dir + "/ok.bin"), body);
-    // The error page is no download.
-    EXPECT_FALSE(ud_test::FileExists(dir + "/sub/gone.html"));
-    EXPECT_EQ(server.RequestCount("/gone"), 1u);
+    EXPECT_FALSE(ud_test::FileExists(dir + "/sub/gone.html")); // the error page is no download
 }
 
-TEST(CliGet, CacheHitsAreMarkedAndMakeNoTransfer)
+TEST(CliGet, CacheHitsAreMarkedMakeNoTransferAndCleanEndsThem)
 {
     TestServer server;
     const std::string body = ud_test::Pattern(3000, 2);
     server.Route("/c.bin", {200, {}, body});
     const std::string url = server.Url("/c.bin");
-    const std::string first = ud_test::TempPath("first");
-    const std::string other = ud_test::TempPath("other");
+    const std::string first = ud_test::TempPath("first") + "/c.bin";
+    const std::string other = ud_test::TempPath("other") + "/c.bin";
 
-    auto run = [&](std::vector<std::string> args) {
+    auto run = [&](const std::vector<std::string>& args, int status = 0) {
         Process client(args);
-        EXPECT_EQ(client.Wait(), 0) << client.Err();
+        EXPECT_EQ(client.Wait(), status) << client.Err();
         const auto results = Results(client.Out());
-        EXPECT_EQ(results.size(), 1u) << client.Out();
-        return results.empty() ? std::vector<std::string>{} : results[0];
+        return results.size() == 1 ? results[0] : Fields{client.Out()};
     };
-    // A miss with --cache is a transfer.
-    EXPECT_EQ(run({"get", "--cache", "-o", first, url}),
-              Result(url, first + "/c.bin", "3000", "URL_DOWNLOADER_ERROR_NONE", "network"));
-    EXPECT_EQ(server.RequestCount("/c.bin"), 1u);
+    auto hit = [&](const std::string& path) { return Fields{url, path, "3000", "URL_DOWNLOADER_ERROR_NONE", "cache"}; };
+    auto miss = [&](const std::string& path) {
+        return Fields{url, path, "3000", "URL_DOWNLOADER_ERROR_NONE", "network"};
+    };
+
+    EXPECT_EQ(run({"get", "--cache", "--app", "a", url + "=" + first}), miss(first));
     ASSERT_TRUE(ud_test::FileExists(ud_test::CacheDbPath())) << "the database was not redirected";
-
-    // The same request again: answered in place, no transfer.
-    EXPECT_EQ(run({"get", "--cache", "-o", first, url}),
-              Result(url, first + "/c.bin", "3000", "URL_DOWNLOADER_ERROR_NONE", "cache"));
+    EXPECT_EQ(run({"get", "--cache", "--app", "b", url + "=" + first}), hit(first));
     // Asked for elsewhere: delivered at the cached file, nothing written there.
-    EXPECT_EQ(run({"get", "--cache", "-o", other, url}),
-              Result(url, first + "/c.bin", "3000", "URL_DOWNLOADER_ERROR_NONE", "cache"));
-    EXPECT_FALSE(ud_test::FileExists(other + "/c.bin"));
+    EXPECT_EQ(run({"get", "--cache", url + "=" + other}), hit(first));
+    EXPECT_FALSE(ud_test::FileExists(other));
     EXPECT_EQ(server.RequestCount("/c.bin"), 1u);
-
     // Without --cache the file is fetched again and rewritten in place.
-    EXPECT_EQ(run({"get", "-o", first, url}),
-              Result(url, first + "/c.bin", "3000", "URL_DOWNLOADER_ERROR_NONE", "network"));
-    EXPECT_EQ(server.RequestCount("/c.bin"), 2u);
-    EXPECT_EQ(ud_test::ReadFile(first + "/c.bin"), body);
-}
+    EXPECT_EQ(run({"get", url + "=" + first}), miss(first));
+    EXPECT_EQ(ud_test::ReadFile(first), body);
 
-TEST(CliClean, RemovesOnlyTheNamedApplicationsEntries)
-{
-    TestServer server;
-    server.Route("/k", {200, {}, "kept"});
-    const std::string url = server.Url("/k");
-    const std::string dir = ud_test::TempPath("out");
-    auto source = [&](const std::string& app) {
-        Process client({"get", "--cache", "--app", app, "-o", dir, url});
-        EXPECT_EQ(client.Wait(), 0) << client.Err();
-        const auto results = Results(client.Out());
-        return results.size() == 1 ? results[0][4] : "?";
-    };
-    auto clean = [&](const std::string& app) {
-        Process client({"clean", "--app", app});
-        EXPECT_EQ(client.Wait(), 0) << client.Err();
-    };
-
-    EXPECT_EQ(source("app-a"), "network");
-    clean("app-b");
-    EXPECT_EQ(ud_test::CountCacheRows("appname = 'app-a'"), 1);
-    EXPECT_EQ(source("app-b"), "cache"); // entries serve every application
-    clean("app-a");
-    EXPECT_EQ(ud_test::CountCacheRows("appname = 'app-a'"), 0);
-    EXPECT_EQ(source("app-b"), "network");
-    EXPECT_EQ(server.RequestCount("/k"), 2u);
+    // Only the named application's entry goes.
+    run({"clean", "--app", "b"});
+    EXPECT_EQ(run({"get", "--cache", url + "=" + first}), hit(first));
+    run({"clean", "--app", "a"});
+    EXPECT_EQ(ud_test::CountCacheRows("url = '" + url + "'"), 0);
+    EXPECT_EQ(run({"get", "--cache", url + "=" + first}), miss(first));
+    EXPECT_EQ(server.RequestCount("/c.bin"), 3u);
 }
 
 TEST(CliProgress, PlainLinesWithoutControlCodesWhileATransferRuns)
@@ -314,9 +243,7 @@ TEST(CliProgress, PlainLinesWithoutControlCodesWhileATransferRuns)
     Process client({"get", "-o", dir, server.Url("/slow.bin"), server.Url("/quick.bin")});
     // Written bytes show up while the transfer waits, next to the finished one.
     const bool shown = client.ReadUntil(
-        [&](const std::string& out) {
-            return stalled_bytes(out) > 0 && out.find("1 of 2 done") != std::string::npos;
-        },
+        [&](const std::string& out) { return stalled_bytes(out) > 0 && out.find("1 of 2 done") != std::string::npos; },
         30s);
     server.Release("/slow.bin");
     ASSERT_TRUE(shown) << client.Out();
@@ -324,7 +251,7 @@ TEST(CliProgress, PlainLinesWithoutControlCodesWhileATransferRuns)
     ASSERT_EQ(client.Wait(), 0) << client.Err();
 
     EXPECT_EQ(client.Out().find_first_of("\r\033"), std::string::npos);
-    for (const std::string& line : Lines(client.Out())) {
+    for (const std::string& line : Split(client.Out(), '\n')) {
         if (line.rfind("result\t", 0) != 0 && line.find("downloads succeeded") == std::string::npos) {
             EXPECT_EQ(line.rfind("progress [", 0), 0u) << line;
         }
