@@ -35,7 +35,7 @@ const char kUsage[] =
     "                     contains '=' must be followed by =PATH. Without PATH the file\n"
     "                     is DIR/<last segment of the URL's path>, or DIR/index.html.\n"
     "       Missing folders are created. Two URLs may not share a destination. A file\n"
-    "       that a failed request created is removed.\n"
+    "       that a failed or interrupted (SIGINT, SIGTERM) request created is removed.\n"
     "\n"
     "       From the cache: a request counts as answered from the cache when --cache was\n"
     "       given, it succeeded, and the file at its requested path was not written\n"

@@ -216,8 +216,12 @@ int RunGet(const Options& options)
         run.view->Clear();
     }
 
-    // Drops what is still running (after an interruption) without callbacks.
+    // Drops what is still running (after an interruption) without callbacks;
+    // the partial files that this run created go with them.
     url_downloader_finalize();
+    for (const auto& job : run.jobs)
+        if (!job->finished && !run.files[job->index].before.exists)
+            g_unlink(job->arg.path.c_str());
     g_main_loop_unref(run.loop);
     return PrintResults(run);
 }
