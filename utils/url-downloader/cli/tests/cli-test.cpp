@@ -186,6 +186,19 @@ TEST(CliGet, AFailedRequestIsReportedAndMakesTheExitStatusOne)
     EXPECT_FALSE(ud_test::FileExists(dir + "/sub/gone.html")); // the error page is no download
 }
 
+TEST(CliGet, TheProxyCarriesTheTransfers)
+{
+    TestServer proxy;
+    proxy.Route("/p.txt", {200, {}, "proxied"});
+    const std::string path = ud_test::TempPath("p.txt");
+    // The host is never resolved: only the proxy on 127.0.0.1 is contacted.
+    Process client({"get", "--proxy", proxy.Url(""), "http://host.invalid/p.txt=" + path});
+    ASSERT_EQ(client.Wait(), 0) << client.Err();
+    ASSERT_EQ(proxy.Requests().size(), 1u);
+    EXPECT_TRUE(proxy.Requests()[0].via_proxy);
+    EXPECT_EQ(ud_test::ReadFile(path), "proxied");
+}
+
 TEST(CliGet, CacheHitsAreMarkedMakeNoTransferAndCleanEndsThem)
 {
     TestServer server;
