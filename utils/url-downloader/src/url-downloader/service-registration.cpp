@@ -83,7 +83,10 @@ void destroy_list_and_pipe_locks()
 }
 
 // Brings the library up. A failed step undoes the earlier ones, so that a
-// later registration starts from scratch and nothing is left behind.
+// later registration starts from scratch and nothing is left behind. The
+// default main context, where results are queued, is made before the
+// processing thread starts, so that its creation is ordered before that
+// thread's use of it.
 // Caller holds lifecycle_lock and public_call_gate exclusively.
 url_downloader_error _url_downloader_init()
 {
@@ -98,7 +101,7 @@ url_downloader_error _url_downloader_init()
         UD_ERROR("Pipe write protection mutex failed\n");
     } else if ((error = _url_downloader_create_pipe()) != URL_DOWNLOADER_ERROR_NONE) {
         UD_ERROR("Pipe creation failed\n");
-    } else if ((error = _url_downloader_create_thread()) != URL_DOWNLOADER_ERROR_NONE) {
+    } else if ((g_main_context_default(), error = _url_downloader_create_thread()) != URL_DOWNLOADER_ERROR_NONE) {
         close_processing_pipe();
     }
     if (error != URL_DOWNLOADER_ERROR_NONE) {
