@@ -51,7 +51,7 @@ check() {
 }
 
 # shellcheck disable=SC2046,SC2086
-gcc -std=c99 -Wall -Wextra -Werror $sanitize "$tmp/project/tiny.c" -o "$tmp/tiny-pc" \
+"${CC:-gcc}" -std=c99 -Wall -Wextra -Werror $sanitize "$tmp/project/tiny.c" -o "$tmp/tiny-pc" \
     $(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs velmora-urldownloader) -Wl,-rpath,"$libdir"
 check "$tmp/tiny-pc"
 
