@@ -4,6 +4,7 @@
 #include <mutex>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "db-util.h"
 #include "url-cache-db.h"
@@ -15,6 +16,9 @@
 #define URL_CACHE_QUERY_SIZE 2048
 /* Option value handed to the platform's database utility. */
 #define URL_CACHE_DB_OPEN_OPTION 1
+/* Bounds the wait for another process's first opening: 100 x 20 ms. */
+#define URL_CACHE_OPEN_BUSY_RETRIES 100
+#define URL_CACHE_OPEN_BUSY_WAIT_US 20000
 
 pthread_mutex_t cache_db_lock = PTHREAD_MUTEX_INITIALIZER;
 sqlite3* cache_db_handle = NULL;
@@ -148,6 +152,14 @@ URLCacheManager::URLCacheManager()
      * counts as unopened then: only a successful open is kept. */
     sqlite3* handle = NULL;
     int ret = db_util_open(URL_CACHE_DB_PATH, &handle, URL_CACHE_DB_OPEN_OPTION);
+    /* Processes that open a new database at the same moment meet in its
+     * switch to WAL, where SQLite answers busy without waiting: worth a short
+     * wait rather than a process without a cache. */
+    for (int retry = 0; retry < URL_CACHE_OPEN_BUSY_RETRIES && (ret == SQLITE_BUSY || ret == SQLITE_LOCKED); ++retry) {
+        usleep(URL_CACHE_OPEN_BUSY_WAIT_US);
+        handle = NULL;
+        ret = db_util_open(URL_CACHE_DB_PATH, &handle, URL_CACHE_DB_OPEN_OPTION);
+    }
     if (ret != 0) {
         UD_ERROR("DBConnect failed with:%d", ret);
         pthread_mutex_unlock(&cache_db_lock);
