@@ -1,0 +1,153 @@
+// Lookup and admission: when a cached entry may answer a download, how it
+// reaches the client, and how finished downloads enter the bounded cache,
+// also from two processes at once.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "cache-policy.h"
+#include "log-capture.h"
+#include "main-loop.h"
+#include "test-db.h"
+#include "test-env.h"
+
+using namespace ud_test;
+using namespace std::chrono_literals;
+
+namespace {
+void Write(const std::string& name, const char* body) { std::ofstream(TempPath(name), std::ios::binary) << body; }
+char* S(const char* s) { return const_cast<char*>(s); }
+char* S(const std::string& s) { return const_cast<char*>(s.c_str()); }
+
+bool Admit(const std::string& url, const std::string& path, long size, long expiry)
+{
+    url_downloader_cache c{0, S(url), path.empty() ? nullptr : S(path), size, time(nullptr), expiry, S("app")};
+    url_downloader_error error = URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED;
+    return url_downloader_add_cache(&c, &error) && error == URL_DOWNLOADER_ERROR_NONE;
+}
+
+// Two processes, forked before this one touches the cache and released
+// together, admit rows of size bytes each; true when neither saw a failure.
+bool AdmitFromTwoProcesses(int rows, long size)
+{
+    CacheDbPath(); // fixes the shared folder before the fork
+    int start[2];
+    pid_t children[2];
+    if (pipe(start) != 0)
+        return false;
+    for (int c = 0; c < 2; ++c) {
+        if ((children[c] = fork()) == 0) {
+            char byte;
+            close(start[1]);
+            (void)!read(start[0], &byte, 1); // returns at the parent's close
+            int failures = 0;
+            for (int i = 0; i < rows; ++i)
+                failures += !Admit("http://p" + std::to_string(c) + "/" + std::to_string(i), "/f", size, 2e9 + i);
+            _exit(failures > 0);
+        }
+    }
+    close(start[0]);
+    close(start[1]);
+    bool ok = true;
+    for (pid_t pid : children) {
+        int status = 1;
+        for (int waited = 0; pid > 0 && waitpid(pid, &status, WNOHANG) == 0; ++waited, usleep(10000))
+            if (waited == 12000) // two minutes
+                kill(pid, SIGKILL);
+        ok = ok && pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    }
+    return ok;
+}
+} // namespace
+
+TEST(CachePolicyTest, LookupAcceptsOnlyPresentSameLengthUnexpiredFiles)
+{
+    const long later = time(nullptr) + 3600;
+    Write("resized", "12345");
+    Write("expired", "12345");
+    Write("kept", "12345");
+    ASSERT_TRUE(Admit("missing", TempPath("missing"), 5, later));
+    ASSERT_TRUE(Admit("resized", TempPath("resized"), 6, later));
+    ASSERT_TRUE(Admit("expired", TempPath("expired"), 5, time(nullptr))); // expiring now is expired
+    ASSERT_TRUE(Admit("", "", 5, later));
+    ASSERT_TRUE(Admit("kept", TempPath("kept"), 5, later));
+    Write("kept", "abcde"); // other contents, same length: still valid
+    const std::string stale[][2] = {
+        {"missing", "URL found in cache but the downloaded file missing in file-system"},
+        {"resized", "URL found in cache but the file size mismatch. \nDB stored size is 6, and actaul size is 5"},
+        {"expired", "But expired Id=[3]\n"},
+        {"", "URL entry exists in DB, but filepath is NULL"},
+    };
+    for (const auto& s : stale) {
+        SCOPED_TRACE(s[0]);
+        LogCapture log;
+        url_downloader_cache c{0, S(s[0]), nullptr, 0, 0, 0, nullptr};
+        EXPECT_EQ(nullptr, url_downloader_get_cache_filepath(&c));
+        EXPECT_TRUE(log.Contains(kError, "url_downloader_get_cache_filepath", s[1]));
+        EXPECT_TRUE(log.Contains(kError, "url_downloader_get_cache_filepath", "Entry NOT found in cache"));
+    }
+    EXPECT_EQ(1, CountCacheRows()); // stale rows go; their files are the clients' and stay
+    EXPECT_TRUE(std::filesystem::exists(TempPath("expired")));
+    url_downloader_cache c{0, S("kept"), nullptr, 0, 0, 0, nullptr};
+    char* path = url_downloader_get_cache_filepath(&c);
+    EXPECT_STREQ(TempPath("kept").c_str(), path);
+    free(path);
+}
+
+TEST(CachePolicyTest, HitHandsTheCachedPathToTheClientAndMissesLeaveTheRequest)
+{
+    Write("cached", "body");
+    ASSERT_TRUE(Admit("http://h/a", TempPath("cached"), 4, time(nullptr) + 60));
+    url_downloader_service_t service{Deliveries::Callback, nullptr, nullptr};
+    url_downloader_error error = URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED;
+    LogCapture log;
+    // A hit, then misses: an uncached URL and URLs too long to copy (the
+    // limit counts the terminator), which must not end the process either.
+    for (size_t length : {size_t{0}, size_t{12}, size_t{URL_DOWNLOADER_MAX_COPY_SIZE} - 1,
+                          size_t{URL_DOWNLOADER_MAX_COPY_SIZE}}) {
+        auto* api = static_cast<url_downloader_api_t*>(malloc(sizeof(url_downloader_api_t)));
+        *api = {0, &service, strdup(S(TempPath("asked"))),
+                strdup(length == 0 ? "http://h/a" : S(std::string(length, 'u'))), true, nullptr, -1};
+        ASSERT_TRUE(length != 0 || _url_downloader_prepend_request_list(&service, api, &error));
+        EXPECT_EQ(length == 0, url_downloader_check_cache(api, &error));
+        EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, error);
+        EXPECT_EQ(length == 0 ? TempPath("cached") : TempPath("asked"), api->filePath);
+        if (length != 0)
+            _url_downloader_free_api(api); // a miss stays the caller's
+    }
+    ASSERT_TRUE(Deliveries::WaitFor(1, 10s));
+    EXPECT_EQ(TempPath("cached"), Deliveries::All()[0].path.value_or("NULL"));
+    EXPECT_EQ(0, Deliveries::All()[0].error);
+    EXPECT_FALSE(std::filesystem::exists(TempPath("asked")));
+    EXPECT_EQ(3u, log.Count(kDebug, "url_downloader_get_cache_filepath", "Trying to find URL in Cache\n"));
+    EXPECT_FALSE(url_downloader_check_cache(nullptr, &error));
+    EXPECT_FALSE(url_downloader_add_cache(nullptr, &error));
+}
+
+TEST(CachePolicyTest, AdmissionTrimsOnlyPastTheBudgetAndKeepsTheNewRow)
+{
+    LogCapture log;
+    ASSERT_TRUE(Admit("big", "/big", URL_CACHE_MAX_SIZE - 100, 3000));
+    ASSERT_TRUE(Admit("fill", "/fill", 100, 2000)); // exactly the budget: no trim
+    EXPECT_FALSE(log.ContainsText("Cache cleaned"));
+    ASSERT_TRUE(Admit("new", "/new", 1, 1000)); // trimmed first, so kept though it expires first
+    EXPECT_TRUE(log.Contains(kDebug, "cleanUrlCache", "Cache cleaned"));
+    EXPECT_EQ(1, CountCacheRows("url='new'"));
+    EXPECT_EQ(1, CountCacheRows());
+}
+
+TEST(CachePolicyTest, TwoProcessesAdmittingAtOnceLoseNoRows)
+{
+    EXPECT_TRUE(AdmitFromTwoProcesses(500, 1));
+    EXPECT_EQ(1000, CountCacheRows());
+}
+
+TEST(CachePolicyTest, TwoProcessesTrimmingAtOnceNeverFail)
+{
+    EXPECT_TRUE(AdmitFromTwoProcesses(300, 3000000)); // a trim every other admission
+}
