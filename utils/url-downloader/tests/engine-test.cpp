@@ -236,8 +236,10 @@ TEST_F(Engine, OneEngineAtATimeAndAFreshOneAfterDestruction)
     rlimit saved, tight;
     getrlimit(RLIMIT_NOFILE, &saved);
     tight = saved;
-    tight.rlim_cur = (rlim_t)dup(0);
-    close((int)tight.rlim_cur);
+    int lowest_free = open("/dev/null", O_RDONLY);
+    ASSERT_GE(lowest_free, 0);
+    close(lowest_free);
+    tight.rlim_cur = (rlim_t)lowest_free;
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
     UrlDownloader* failed = UrlDownloader::CreateInstance();
     setrlimit(RLIMIT_NOFILE, &saved);
