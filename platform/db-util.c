@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 
 /* How long a connection waits for another process's write lock. */
 #define DB_UTIL_BUSY_TIMEOUT_MS 10000
@@ -28,6 +29,23 @@ static int make_parent_dirs(const char* path)
     return 0;
 }
 
+/* Runs a statement, retrying while another connection holds the lock that it
+ * needs. Switching a new file to WAL needs an exclusive lock, and SQLite
+ * refuses it at once instead of calling the busy handler, so two processes
+ * that open the file together would otherwise fail. */
+static int exec_when_free(sqlite3* db, const char* sql)
+{
+    const struct timespec pause = {0, 10 * 1000 * 1000};
+    int rc = SQLITE_BUSY;
+    for (int waited_ms = 0; waited_ms <= DB_UTIL_BUSY_TIMEOUT_MS; waited_ms += 10) {
+        rc = sqlite3_exec(db, sql, NULL, NULL, NULL);
+        if (rc != SQLITE_BUSY && rc != SQLITE_LOCKED)
+            break;
+        nanosleep(&pause, NULL);
+    }
+    return rc;
+}
+
 int db_util_open(const char* path, sqlite3** handle, int option)
 {
     (void)option;
@@ -45,9 +63,9 @@ int db_util_open(const char* path, sqlite3** handle, int option)
         rc = sqlite3_busy_timeout(db, DB_UTIL_BUSY_TIMEOUT_MS);
     /* WAL: a row costs one log append, and readers never block the writer. */
     if (rc == SQLITE_OK)
-        rc = sqlite3_exec(db, "PRAGMA journal_mode=WAL;", NULL, NULL, NULL);
+        rc = exec_when_free(db, "PRAGMA journal_mode=WAL;");
     if (rc == SQLITE_OK)
-        rc = sqlite3_exec(db, "PRAGMA synchronous=NORMAL;", NULL, NULL, NULL);
+        rc = exec_when_free(db, "PRAGMA synchronous=NORMAL;");
     if (rc != SQLITE_OK) {
         sqlite3_close(db);
         return rc != 0 ? rc : SQLITE_ERROR;
