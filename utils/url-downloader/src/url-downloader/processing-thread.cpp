@@ -19,31 +19,6 @@ gboolean free_swept_request(gpointer api)
     return G_SOURCE_REMOVE;
 }
 
-// Hand-over for delivery happens with list_write_lock held, so that what
-// GLib allocates for the idle source is ordered before the delivery's first
-// taking of that lock, and so before GLib frees it on the main-loop thread.
-// GLib's own synchronisation is invisible to race detectors.
-void hand_over(url_downloader_api_h api)
-{
-    url_downloader_error error;
-    bool locked = _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error);
-    _url_downloader_resp_callback(api);
-    if (locked)
-        _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
-}
-
-// A hit is handed over inside the lookup, hence the lock around all of it.
-// Nothing is taken under the cache's own lock, so this cannot deadlock.
-bool answered_from_cache(url_downloader_api_h api, url_downloader_error* error)
-{
-    url_downloader_error lock_error;
-    bool locked = _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &lock_error);
-    bool hit = url_downloader_check_cache(api, error);
-    if (locked)
-        _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &lock_error);
-    return hit;
-}
-
 // Caller holds list_write_lock.
 bool listed_locked(url_downloader_api_h api)
 {
@@ -64,7 +39,7 @@ void _url_downloader_execute_download_request(url_downloader_api_h api, url_down
         return;
     }
     if (api->useCache) {
-        if (answered_from_cache(api, error)) {
+        if (url_downloader_check_cache(api, error)) {
             UD_DEBUG("URL found in the DB");
             return;
         }
@@ -86,7 +61,7 @@ void _url_downloader_execute_download_request(url_downloader_api_h api, url_down
             free(api->filePath);
             api->filePath = NULL;
             api->error = URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED;
-            hand_over(api);
+            _url_downloader_resp_callback(api);
         }
     }
     UD_END();
@@ -139,7 +114,7 @@ void _url_downloader_process_download_response(url_downloader_api_h api, url_dow
             }
         }
     }
-    hand_over(api);
+    _url_downloader_resp_callback(api);
     UD_END();
 }
 
@@ -158,7 +133,7 @@ void _url_downloader_execute_cancel_request(url_downloader_api_h api, url_downlo
         api->error = URL_DOWNLOADER_ERROR_REQUEST_CANCELLED;
         free(api->filePath);
         api->filePath = NULL;
-        hand_over(api);
+        _url_downloader_resp_callback(api);
     } else {
         // Not running: not started yet, finished, or answered from the cache.
         // It ends normally.
