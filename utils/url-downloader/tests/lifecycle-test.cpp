@@ -16,11 +16,6 @@
 #include "test-server.h"
 #include "url-downloader.h"
 
-#if defined(__SANITIZE_THREAD__)
-// GLib is not instrumented and syncs its main context with futexes: not ours to check.
-extern "C" __attribute__((weak)) const char* __tsan_default_suppressions() { return "called_from_lib:libglib-2.0.so.0\n"; }
-#endif
-
 using namespace ud_test;
 using namespace std::chrono_literals;
 

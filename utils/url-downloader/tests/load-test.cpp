@@ -18,10 +18,6 @@
 #include "test-server.h"
 #include "url-downloader.h"
 
-#if defined(__SANITIZE_THREAD__)
-// GLib is not instrumented and syncs its main context with futexes: not ours to check.
-extern "C" __attribute__((weak)) const char* __tsan_default_suppressions() { return "called_from_lib:libglib-2.0.so.0\n"; }
-#endif
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int kScale = 2; // sanitizers are several times slower
 #else
