@@ -32,10 +32,11 @@ static inline void _url_downloader_mark_started(void)
  * long as it uses the request list, the locks or the pipe. Bringing the
  * library up and taking it down wait for these calls to end and keep new ones
  * out, so that no call meets a lock, pipe or list while it is made or
- * destroyed. */
+ * destroyed. A call made while the library is being finalized does not wait
+ * for that: it is refused at once (unless it asks to wait). */
 class UdPublicCall {
 public:
-    UdPublicCall();
+    explicit UdPublicCall(bool refuse_while_finalizing = true);
     ~UdPublicCall();
     UdPublicCall(const UdPublicCall&) = delete;
     UdPublicCall& operator=(const UdPublicCall&) = delete;
@@ -44,7 +45,13 @@ public:
      * the list lock must not be touched. */
     bool LibraryUp() const { return up_; }
 
+    /* The checks of every call that names a service, after its NULL tests:
+     * the library is not being finalized (17) and the service is registered
+     * (1). Logs the refusal under func; returns 0 when the call may go on. */
+    url_downloader_error CheckService(const char* func, url_downloader_h service) const;
+
 private:
+    bool entered_;
     bool up_;
 };
 

@@ -5,17 +5,6 @@
 
 #include "library-lifecycle.h"
 
-namespace {
-const char* const kDestroyingLine = "Service state is destroying(Finalized call is running)\n";
-
-bool destroying() { return _url_downloader_load_state() == URL_DOWNLOADER_STATE_DESTROYING; }
-
-bool service_valid(const UdPublicCall& call, url_downloader_h service)
-{
-    return call.LibraryUp() && _url_downloader_validate_sercvice_handle(service);
-}
-} // namespace
-
 url_downloader_error url_downloader_download(url_downloader_h service, const char* filePath, const char* url,
                                              bool useCache, const void* userData, url_downloader_api_h* handle)
 {
@@ -29,19 +18,10 @@ url_downloader_error url_downloader_download(url_downloader_h service, const cha
         return URL_DOWNLOADER_ERROR_INVALID_API_HANDLE;
     }
     *handle = NULL;
-    if (destroying()) {
-        UD_ERROR("%s", kDestroyingLine);
-        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
-    }
     UdPublicCall call;
-    if (destroying()) {
-        UD_ERROR("%s", kDestroyingLine);
-        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
-    }
-    if (!service_valid(call, service)) {
-        UD_ERROR("Invalid service");
-        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
-    }
+    url_downloader_error checked = call.CheckService(__FUNCTION__, service);
+    if (checked != URL_DOWNLOADER_ERROR_NONE)
+        return checked;
     if (filePath == NULL) {
         UD_ERROR("NULL filename");
         return URL_DOWNLOADER_ERROR_INVALID_FILE_PATH;
@@ -88,19 +68,10 @@ url_downloader_error url_downloader_cancel_request(url_downloader_h service, url
         UD_ERROR("NULL service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
-    if (destroying()) {
-        UD_ERROR("%s", kDestroyingLine);
-        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
-    }
     UdPublicCall call;
-    if (destroying()) {
-        UD_ERROR("%s", kDestroyingLine);
-        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
-    }
-    if (!service_valid(call, service)) {
-        UD_ERROR("Invalid service");
-        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
-    }
+    url_downloader_error checked = call.CheckService(__FUNCTION__, service);
+    if (checked != URL_DOWNLOADER_ERROR_NONE)
+        return checked;
     if (!_url_downloader_validate_api_handle(api)) {
         UD_ERROR("Invalid api handle");
         return URL_DOWNLOADER_ERROR_INVALID_API_HANDLE;
@@ -118,19 +89,10 @@ url_downloader_error url_downloader_cancel_all_requests(url_downloader_h service
         UD_ERROR("NULL service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
-    if (destroying()) {
-        UD_ERROR("%s", kDestroyingLine);
-        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
-    }
     UdPublicCall call;
-    if (destroying()) {
-        UD_ERROR("%s", kDestroyingLine);
-        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
-    }
-    if (!service_valid(call, service)) {
-        UD_ERROR("Invalid service");
-        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
-    }
+    url_downloader_error checked = call.CheckService(__FUNCTION__, service);
+    if (checked != URL_DOWNLOADER_ERROR_NONE)
+        return checked;
     url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, service, NULL);
     if (error == URL_DOWNLOADER_ERROR_NONE) {
         UD_DEBUG("Waiting till all the requests are cancelled by processing thread");

@@ -152,13 +152,35 @@ bool with_listed_service(url_downloader_h service, Change change)
 }
 } // namespace
 
-UdPublicCall::UdPublicCall()
+UdPublicCall::UdPublicCall(bool refuse_while_finalizing) : entered_(false), up_(false)
 {
+    // Finalization holds the gate until it is done: checking first keeps
+    // calls made meanwhile from waiting for it.
+    if (refuse_while_finalizing && destroying())
+        return;
     pthread_rwlock_rdlock(&public_call_gate);
+    entered_ = true;
     up_ = library_up;
 }
 
-UdPublicCall::~UdPublicCall() { pthread_rwlock_unlock(&public_call_gate); }
+UdPublicCall::~UdPublicCall()
+{
+    if (entered_)
+        pthread_rwlock_unlock(&public_call_gate);
+}
+
+url_downloader_error UdPublicCall::CheckService(const char* func, url_downloader_h service) const
+{
+    if (!entered_ || destroying()) {
+        UD_ERROR_AS(func, "%s", kDestroyingLine);
+        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
+    }
+    if (!up_ || !_url_downloader_validate_sercvice_handle(service)) {
+        UD_ERROR_AS(func, "Invalid service");
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    }
+    return URL_DOWNLOADER_ERROR_NONE;
+}
 
 url_downloader_error url_downloader_register(const char* appName, url_downloader_callback_t callback,
                                              const url_downloader_config_t* config, url_downloader_h* handle)
@@ -239,7 +261,7 @@ url_downloader_error url_downloader_configure_network(url_downloader_h service, 
     // transfer; replacing it under the same lock, and only while the service
     // is listed, never hands it a freed string nor writes into a freed service.
     char* proxy = strdup(config->proxy);
-    UdPublicCall call;
+    UdPublicCall call(false);
     bool listed = false;
     url_downloader_error error;
     if (call.LibraryUp() && _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error)) {
@@ -273,23 +295,17 @@ url_downloader_error url_downloader_clean(url_downloader_h service)
         UD_ERROR("NULL service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
-    if (destroying()) {
-        UD_ERROR("%s", kDestroyingLine);
-        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
-    }
     UdPublicCall call;
-    if (destroying()) {
-        UD_ERROR("%s", kDestroyingLine);
-        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
-    }
+    url_downloader_error error = call.CheckService(__FUNCTION__, service);
+    if (error != URL_DOWNLOADER_ERROR_NONE)
+        return error;
     // The name is copied under the list lock: a deregistration carried out
     // meanwhile frees the service.
     char* appName = NULL;
-    bool listed = call.LibraryUp() && with_listed_service(service, [&appName](url_downloader_h s) {
-        if (s->appName != NULL)
-            appName = strdup(s->appName);
-    });
-    if (!listed) {
+    if (!with_listed_service(service, [&appName](url_downloader_h s) {
+            if (s->appName != NULL)
+                appName = strdup(s->appName);
+        })) {
         UD_ERROR("Invalid service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
@@ -306,23 +322,17 @@ url_downloader_error url_downloader_deregister(url_downloader_h service)
         UD_ERROR("NULL service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
-    if (destroying()) {
-        UD_ERROR("%s", kDestroyingLine);
-        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
-    }
     UdPublicCall call;
-    if (destroying()) {
-        UD_ERROR("%s", kDestroyingLine);
-        return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
-    }
+    url_downloader_error error = call.CheckService(__FUNCTION__, service);
+    if (error != URL_DOWNLOADER_ERROR_NONE)
+        return error;
     // Silencing the callback under the list lock: delivery reads it there.
-    bool listed = call.LibraryUp() && with_listed_service(service, [](url_downloader_h s) { s->callback = NULL; });
-    if (!listed) {
+    if (!with_listed_service(service, [](url_downloader_h s) { s->callback = NULL; })) {
         UD_ERROR("Invalid service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
 
-    url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_DEREGISTER_SERVICE, service, NULL);
+    error = _url_downloader_send_message(URL_DOWNLOADER_MSG_DEREGISTER_SERVICE, service, NULL);
     if (error != URL_DOWNLOADER_ERROR_NONE)
         return error;
 
