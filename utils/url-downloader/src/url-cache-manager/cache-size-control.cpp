@@ -16,16 +16,9 @@ long URLCacheManager::getUrlCacheSize()
     }
     UD_DEBUG("Query to be executed:[%s] \n", query);
 
-    pthread_mutex_lock(&cache_db_lock);
     sqlite3_stmt* stmt = NULL;
-    int ret = url_cache_db_prepare(query, &stmt);
-    if (ret != SQLITE_OK || stmt == NULL) {
-        UD_ERROR("sqlite3_prepare returned error[%d], so returning", ret);
-        sqlite3_free(query);
-        sqlite3_finalize(stmt);
-        pthread_mutex_unlock(&cache_db_lock);
+    if (!url_cache_db_lock_and_prepare(__FUNCTION__, query, &stmt))
         return -1;
-    }
     long size;
     if (sqlite3_step(stmt) == SQLITE_ROW) {
         /* The sum over an empty table is NULL, which reads as 0. */
@@ -55,17 +48,12 @@ long URLCacheManager::cleanUrlCache()
     }
     UD_DEBUG("Query to be executed:[%s]", query);
 
-    pthread_mutex_lock(&cache_db_lock);
     sqlite3_stmt* stmt = NULL;
-    int ret = url_cache_db_prepare(query, &stmt);
-    if (ret != SQLITE_OK || stmt == NULL) {
-        UD_ERROR("sqlite3_prepare returned error[%d], so returning", ret);
-        sqlite3_free(query);
-        sqlite3_finalize(stmt);
-        pthread_mutex_unlock(&cache_db_lock);
+    if (!url_cache_db_lock_and_prepare(__FUNCTION__, query, &stmt)) {
         delete scratch;
         return -1;
     }
+    int ret;
 
     bool ok = true;
     long remainder = URL_CACHE_MAX_SIZE;

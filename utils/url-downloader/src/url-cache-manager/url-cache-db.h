@@ -18,6 +18,11 @@ int url_cache_db_exec(const char* sql, char** errmsg);
 /* Compiles sql into *stmt; cache_db_lock must be held. */
 int url_cache_db_prepare(const char* sql, sqlite3_stmt** stmt);
 
+/* Takes cache_db_lock and compiles query into *stmt. On failure it logs the
+ * failure under func, frees query, releases the lock and returns false; on
+ * success the lock stays held. */
+bool url_cache_db_lock_and_prepare(const char* func, char* query, sqlite3_stmt** stmt);
+
 /* Reads an INTEGER column into a long, whatever width long has here. */
 long url_cache_db_column_long(sqlite3_stmt* stmt, int column);
 

@@ -42,6 +42,20 @@ int url_cache_db_prepare(const char* sql, sqlite3_stmt** stmt)
     return sqlite3_prepare(cache_db_handle, sql, (int)strlen(sql), stmt, NULL);
 }
 
+bool url_cache_db_lock_and_prepare(const char* func, char* query, sqlite3_stmt** stmt)
+{
+    pthread_mutex_lock(&cache_db_lock);
+    int ret = url_cache_db_prepare(query, stmt);
+    if (ret == SQLITE_OK && *stmt != NULL)
+        return true;
+    UD_ERROR_AS(func, "sqlite3_prepare returned error[%d], so returning", ret);
+    sqlite3_free(query);
+    sqlite3_finalize(*stmt);
+    *stmt = NULL;
+    pthread_mutex_unlock(&cache_db_lock);
+    return false;
+}
+
 long url_cache_db_column_long(sqlite3_stmt* stmt, int column)
 {
     if constexpr (sizeof(long) > sizeof(int))
@@ -102,14 +116,8 @@ UrlCache* read_one_row(const char* func, UrlCache* record, char* query)
     }
     UD_DEBUG_AS(func, "Query to be executed:[%s]", query);
 
-    pthread_mutex_lock(&cache_db_lock);
     sqlite3_stmt* stmt = NULL;
-    int ret = url_cache_db_prepare(query, &stmt);
-    if (ret != SQLITE_OK || stmt == NULL) {
-        UD_ERROR_AS(func, "sqlite3_prepare returned error[%d], so returning", ret);
-        sqlite3_free(query);
-        sqlite3_finalize(stmt);
-        pthread_mutex_unlock(&cache_db_lock);
+    if (!url_cache_db_lock_and_prepare(func, query, &stmt)) {
         delete record;
         return NULL;
     }

@@ -17,6 +17,20 @@ void free_and_clear(char*& s)
     s = NULL;
 }
 
+// Copies the seven fields of a row record (a UrlCache or the plain record,
+// which share their field names) with private copies of the strings.
+template <typename Source>
+void copy_fields(UrlCache& to, const Source& from)
+{
+    to.id = from.id;
+    to.url = dup_or_null(from.url);
+    to.filepath = dup_or_null(from.filepath);
+    to.filesize = from.filesize;
+    to.downloadtime = from.downloadtime;
+    to.expirytime = from.expirytime;
+    to.appname = dup_or_null(from.appname);
+}
+
 } // namespace
 
 UrlCache::UrlCache()
@@ -26,27 +40,14 @@ UrlCache::UrlCache()
 
 UrlCache::UrlCache(url_downloader_cache* source) : UrlCache()
 {
-    if (source == NULL)
-        return;
-    id = source->id;
-    url = dup_or_null(source->url);
-    filepath = dup_or_null(source->filepath);
-    filesize = source->filesize;
-    downloadtime = source->downloadtime;
-    expirytime = source->expirytime;
-    appname = dup_or_null(source->appname);
+    if (source != NULL)
+        copy_fields(*this, *source);
 }
 
 UrlCache::UrlCache(const UrlCache& other) : UrlCache()
 {
     UD_BEGIN();
-    id = other.id;
-    url = dup_or_null(other.url);
-    filepath = dup_or_null(other.filepath);
-    filesize = other.filesize;
-    downloadtime = other.downloadtime;
-    expirytime = other.expirytime;
-    appname = dup_or_null(other.appname);
+    copy_fields(*this, other);
     UD_END();
 }
 
@@ -58,13 +59,7 @@ UrlCache& UrlCache::operator=(const UrlCache& other)
     free_and_clear(url);
     free_and_clear(filepath);
     free_and_clear(appname);
-    id = other.id;
-    url = dup_or_null(other.url);
-    filepath = dup_or_null(other.filepath);
-    filesize = other.filesize;
-    downloadtime = other.downloadtime;
-    expirytime = other.expirytime;
-    appname = dup_or_null(other.appname);
+    copy_fields(*this, other);
     return *this;
 }
 
