@@ -155,10 +155,13 @@ TEST_F(RequestList, NoCallbackForSilentServicesOrSweptRequests)
     auto* s = Service();
     auto* swept = Request(s, "/tmp/s");
     _url_downloader_resp_callback(swept);
-    // A sweep removes and frees the request before its idle run: the run must
-    // neither call back nor touch the freed record.
+    // A sweep before the idle run only unlists a request whose delivery is
+    // queued: the run makes no call and frees it (LeakSanitizer checks).
+    url_downloader_error e;
+    ASSERT_TRUE(_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &e));
+    EXPECT_TRUE(_url_downloader_owned_by_queue(swept));
+    _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &e);
     DropHead();
-    _url_downloader_free_api(swept);
 
     ASSERT_TRUE(ud_test::RunMainLoopUntil(
         [&] { return log.Count(kDebug, "_url_downloader_idle_callback", ">>>>>>>>Begin.") == 2; }, 10s));
@@ -171,6 +174,19 @@ TEST_F(RequestList, NoCallbackForSilentServicesOrSweptRequests)
 
     EXPECT_FALSE(_url_downloader_idle_callback(nullptr));
     EXPECT_TRUE(log.Contains(kError, "_url_downloader_idle_callback", "Invalid input param"));
+}
+
+TEST_F(RequestList, FinalizationFreesQueuedDeliveriesWithoutTheLoop)
+{
+    auto* s = Service();
+    auto* a = Request(s, "/tmp/a");
+    _url_downloader_resp_callback(a);
+    DropHead(); // the finalizing sweep unlists everything
+    _url_downloader_forget_queued_requests();
+    // The record is gone without the main loop having run, and so is its
+    // idle source: running the loop now calls nothing and reads nothing.
+    ud_test::RunMainLoopUntil([] { return false; }, 50ms);
+    EXPECT_EQ(0u, Deliveries::Count());
 }
 
 } // namespace

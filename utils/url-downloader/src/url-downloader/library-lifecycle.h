@@ -55,10 +55,6 @@ private:
     bool up_;
 };
 
-/* Takes the request's entry out of the request list, if it is still there,
- * and frees the entry (not the request record). Returns whether it was there. */
-bool _url_downloader_unlist_request(url_downloader_api_h api);
-
 /* Frees what a message that the processing thread will never handle owns:
  * its info, and the request record when nobody else can free it. */
 void _url_downloader_discard_message(const url_downloader_message_t* message);

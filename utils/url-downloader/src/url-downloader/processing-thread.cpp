@@ -13,11 +13,6 @@ const char* printable(const char* text) { return text != NULL ? text : "(null)";
 
 long handle_number(const void* handle) { return (long)(intptr_t)handle; }
 
-gboolean free_swept_request(gpointer api)
-{
-    _url_downloader_free_api((url_downloader_api_t*)api);
-    return G_SOURCE_REMOVE;
-}
 
 // Caller holds list_write_lock.
 bool listed_locked(url_downloader_api_h api)
@@ -34,8 +29,13 @@ void _url_downloader_execute_download_request(url_downloader_api_h api, url_down
     UD_BEGIN();
     *error = URL_DOWNLOADER_ERROR_NONE;
     UrlDownloader* engine = UrlDownloader::instance;
-    if (!_url_downloader_validate_api_handle(api)) {
+    bool listed = false;
+    bool owned = _url_downloader_claim_submitted(api, &listed);
+    if (!listed) {
         UD_ERROR("Api not found in the global reuqets list");
+        // A sweep dropped it before its message came, and left it to us.
+        if (owned)
+            _url_downloader_free_api(api);
         return;
     }
     if (api->useCache) {
@@ -176,21 +176,19 @@ void _url_downloader_execute_cancel_all_request(url_downloader_message_t* messag
             _url_downloader_free_service(entry->service);
         } else {
             url_downloader_api_t* api = entry->api;
-            // A transfer that has already finished reports back; its response
-            // frees the record. One that was torn down here never will.
-            if (api->transferActive != 0) {
+            if (_url_downloader_owned_by_queue(api)) {
+                // Its download message or its delivery is still queued and
+                // frees it; until then its address cannot be reused.
+            } else if (api->transferActive != 0) {
+                // A transfer that has already finished reports back; its
+                // response frees the record. One torn down here never will.
                 if (engine == NULL || engine->DownloaderCancelRequest(api)) {
                     UD_DEBUG("Freeing api-handle %ld", handle_number(api));
                     _url_downloader_free_api(api);
                 }
             } else {
                 UD_DEBUG("Freeing api-handle %ld", handle_number(api));
-                // It may have been handed over for delivery already. Its idle
-                // source, queued before this one, finds no entry and leaves
-                // it alone; freeing it only after that keeps its address from
-                // being reused by a new request that the stale source would
-                // then deliver.
-                g_idle_add(free_swept_request, api);
+                _url_downloader_free_api(api);
             }
         }
         url_downloader_request_list = g_list_delete_link(url_downloader_request_list, node);
@@ -236,35 +234,14 @@ void shut_engine_down()
 }
 } // namespace
 
-bool _url_downloader_unlist_request(url_downloader_api_h api)
-{
-    url_downloader_error error;
-    if (api == NULL || !_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error))
-        return false;
-    GList* node = url_downloader_request_list;
-    while (node != NULL && ((url_downloader_request_entry_t*)node->data)->api != api)
-        node = node->next;
-    if (node != NULL) {
-        free(node->data);
-        url_downloader_request_list = g_list_delete_link(url_downloader_request_list, node);
-    }
-    _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
-    return node != NULL;
-}
-
 void _url_downloader_discard_message(const url_downloader_message_t* message)
 {
     if (message == NULL)
         return;
     switch (message->type) {
-    case URL_DOWNLOADER_MSG_DOWNLOAD_REQUEST:
-        // Still listed: nobody else will free it. Swept: the sweep freed it.
-        if (_url_downloader_unlist_request(message->api))
-            _url_downloader_free_api(message->api);
-        break;
-    case URL_DOWNLOADER_MSG_DOWNLOAD_RESPONSE:
-        // A request with a response on its way belongs to that response.
-        _url_downloader_unlist_request(message->api);
+    case URL_DOWNLOADER_MSG_DOWNLOAD_REQUEST:  // owned by its message, listed or swept
+    case URL_DOWNLOADER_MSG_DOWNLOAD_RESPONSE: // a request with a response on its way belongs to it
+        _url_downloader_withdraw_request(message->api);
         _url_downloader_free_api(message->api);
         break;
     default:

@@ -5,6 +5,13 @@
 
 GList* url_downloader_request_list = NULL;
 
+namespace {
+// Requests whose download message has not been handled yet; guarded by
+// list_write_lock. Entered in the same locked section that lists them, so
+// that no sweep can see a request listed but not yet owned by its message.
+GHashTable* submitted_requests = NULL;
+} // namespace
+
 bool _url_downloader_prepend_request_list(url_downloader_h service, url_downloader_api_h api, url_downloader_error* error)
 {
     UD_BEGIN();
@@ -19,6 +26,11 @@ bool _url_downloader_prepend_request_list(url_downloader_h service, url_download
         return false;
     }
     url_downloader_request_list = g_list_prepend(url_downloader_request_list, req_handle);
+    if (api != NULL) {
+        if (submitted_requests == NULL)
+            submitted_requests = g_hash_table_new(g_direct_hash, g_direct_equal);
+        g_hash_table_add(submitted_requests, api);
+    }
     UD_DEBUG("New api of %ld service and %ld api handle added to the request list", (long)(intptr_t)service,
              (long)(intptr_t)api);
 
@@ -26,6 +38,8 @@ bool _url_downloader_prepend_request_list(url_downloader_h service, url_download
         // The caller frees its record on failure, so the entry must not stay
         // behind. The lock is still ours, since releasing it failed.
         url_downloader_request_list = g_list_remove(url_downloader_request_list, req_handle);
+        if (api != NULL)
+            g_hash_table_remove(submitted_requests, api);
         free(req_handle);
         url_downloader_error ignored;
         _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &ignored);
@@ -86,6 +100,63 @@ bool _url_downloader_validate_api_handle(url_downloader_api_h api)
         UD_DEBUG("Valid api handle %ld", (long)(intptr_t)api);
     UD_END();
     return found;
+}
+
+namespace {
+// Takes the request's entry out of the list; caller holds list_write_lock.
+bool unlist_locked(url_downloader_api_h api)
+{
+    for (GList* node = url_downloader_request_list; node != NULL; node = node->next) {
+        if (((url_downloader_request_entry_t*)node->data)->api == api) {
+            free(node->data);
+            url_downloader_request_list = g_list_delete_link(url_downloader_request_list, node);
+            return true;
+        }
+    }
+    return false;
+}
+} // namespace
+
+bool _url_downloader_claim_submitted(url_downloader_api_h api, bool* listed)
+{
+    *listed = false;
+    url_downloader_error error;
+    if (api == NULL || !_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error))
+        return false;
+    bool owned = submitted_requests != NULL && g_hash_table_remove(submitted_requests, api);
+    for (GList* node = url_downloader_request_list; node != NULL && !*listed; node = node->next)
+        *listed = ((url_downloader_request_entry_t*)node->data)->api == api;
+    _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
+    return owned;
+}
+
+void _url_downloader_withdraw_request(url_downloader_api_h api)
+{
+    url_downloader_error error;
+    if (api == NULL || !_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error))
+        return;
+    if (submitted_requests != NULL)
+        g_hash_table_remove(submitted_requests, api);
+    unlist_locked(api);
+    _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
+}
+
+bool _url_downloader_owned_by_queue(url_downloader_api_h api)
+{
+    return (submitted_requests != NULL && g_hash_table_contains(submitted_requests, api)) ||
+           _url_downloader_delivery_pending(api);
+}
+
+void _url_downloader_forget_queued_requests(void)
+{
+    _url_downloader_drop_pending_deliveries();
+    url_downloader_error error;
+    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error))
+        return;
+    if (submitted_requests != NULL)
+        g_hash_table_destroy(submitted_requests);
+    submitted_requests = NULL;
+    _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
 }
 
 void _url_downloader_free_api(url_downloader_api_t* api)

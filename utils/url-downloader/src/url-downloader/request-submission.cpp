@@ -50,9 +50,9 @@ url_downloader_error url_downloader_download(url_downloader_h service, const cha
     error = _url_downloader_send_message(URL_DOWNLOADER_MSG_DOWNLOAD_REQUEST, service, api);
     if (error != URL_DOWNLOADER_ERROR_NONE) {
         UD_ERROR("Writing message to pipe failed");
-        // A cancel-all handled meanwhile may already have freed it.
-        if (_url_downloader_unlist_request(api))
-            _url_downloader_free_api(api);
+        // Without its message nothing else will free it, swept or not.
+        _url_downloader_withdraw_request(api);
+        _url_downloader_free_api(api);
         return error;
     }
     *handle = api;

@@ -3,20 +3,59 @@
 
 #include "url-downloader-private.h"
 
+namespace {
+// Requests handed over for delivery whose idle source has not run yet, with
+// that source's id. Guarded by list_write_lock. A request in here belongs to
+// its delivery: a sweep only unlists it, and the delivery frees it. So its
+// address cannot be reused by a new request before the stale idle source has
+// run, and the delivery acts only on requests it owns.
+GHashTable* pending_deliveries = NULL;
+} // namespace
+
+bool _url_downloader_delivery_pending(url_downloader_api_h api)
+{
+    return pending_deliveries != NULL && g_hash_table_contains(pending_deliveries, api);
+}
+
+void _url_downloader_drop_pending_deliveries(void)
+{
+    url_downloader_error error;
+    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error))
+        return;
+    if (pending_deliveries != NULL) {
+        GHashTableIter it;
+        gpointer api, id;
+        g_hash_table_iter_init(&it, pending_deliveries);
+        while (g_hash_table_iter_next(&it, &api, &id)) {
+            GSource* source = g_main_context_find_source_by_id(NULL, GPOINTER_TO_UINT(id));
+            if (source != NULL)
+                g_source_destroy(source);
+            _url_downloader_free_api((url_downloader_api_t*)api);
+        }
+        g_hash_table_destroy(pending_deliveries);
+        pending_deliveries = NULL;
+    }
+    _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
+}
+
 bool _url_downloader_resp_callback(url_downloader_api_h api)
 {
     UD_BEGIN();
-    // From here on the request's fate is its delivery: a sweep that runs
-    // before the idle callback must free the record itself rather than leave
-    // it to a transfer response that will never come. Taking the list lock
-    // also publishes the outcome fields to the main-loop thread.
+    // The idle source is queued and recorded under list_write_lock: its run
+    // takes the lock first, so it always finds itself recorded, and the lock
+    // publishes the request's outcome to the main-loop thread.
     url_downloader_error error;
-    if (_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error)) {
-        if (api != NULL)
+    bool locked = _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error);
+    guint id = g_idle_add(_url_downloader_idle_callback, api);
+    if (locked) {
+        if (api != NULL) {
             api->transferActive = 0;
+            if (pending_deliveries == NULL)
+                pending_deliveries = g_hash_table_new(g_direct_hash, g_direct_equal);
+            g_hash_table_insert(pending_deliveries, api, GUINT_TO_POINTER(id));
+        }
         _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
     }
-    g_idle_add(_url_downloader_idle_callback, api);
     UD_END();
     return true;
 }
@@ -29,42 +68,40 @@ gboolean _url_downloader_idle_callback(void* data)
         return FALSE;
     }
     url_downloader_api_t* api = (url_downloader_api_t*)data;
-    if (!_url_downloader_validate_api_handle(api)) {
-        UD_ERROR("Entry not found in the global list, so returning");
-        return FALSE;
-    }
 
-    // Take the request out of the list and read everything the callback needs
-    // under the lock: once the entry is gone no sweep can free the request,
-    // and while it was listed its service was alive. The callback itself runs
-    // without the lock, since it may deregister and wait for the processing
-    // thread, which needs the lock.
+    // Everything is decided and read under the lock, and the entry leaves the
+    // list before the callback runs: the callback may deregister and wait for
+    // the processing thread, which needs the lock, and no sweep can free what
+    // is being read.
     url_downloader_error error;
     if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error))
         return FALSE;
-    GList* node = url_downloader_request_list;
-    while (node != NULL && ((url_downloader_request_entry_t*)node->data)->api != api)
-        node = node->next;
-    url_downloader_callback_t callback = NULL;
-    void* path = NULL;
-    void* user_data = NULL;
-    int outcome = 0;
-    if (node != NULL) {
-        UD_DEBUG("Valid api handle");
-        url_downloader_request_entry_t* entry = (url_downloader_request_entry_t*)node->data;
-        if (api->service != NULL)
-            callback = api->service->callback;
-        path = api->filePath;
-        user_data = (void*)api->userData;
-        outcome = api->error;
-        url_downloader_request_list = g_list_delete_link(url_downloader_request_list, node);
-        UD_DEBUG("Request removed from the list for api-handle %ld, remaining list count is %d", (long)(intptr_t)api,
-                 (int)g_list_length(url_downloader_request_list));
-        free(entry);
+    bool owned = pending_deliveries != NULL && g_hash_table_remove(pending_deliveries, api);
+    GList* node = NULL;
+    if (owned) {
+        node = url_downloader_request_list;
+        while (node != NULL && ((url_downloader_request_entry_t*)node->data)->api != api)
+            node = node->next;
     }
+    if (node == NULL) {
+        _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
+        UD_ERROR("Entry not found in the global list, so returning");
+        // Swept while it waited: no callback, but the record is ours to free.
+        if (owned)
+            _url_downloader_free_api(api);
+        return FALSE;
+    }
+    UD_DEBUG("Valid api handle");
+    url_downloader_request_entry_t* entry = (url_downloader_request_entry_t*)node->data;
+    url_downloader_callback_t callback = api->service != NULL ? api->service->callback : NULL;
+    void* path = api->filePath;
+    void* user_data = (void*)api->userData;
+    int outcome = api->error;
+    url_downloader_request_list = g_list_delete_link(url_downloader_request_list, node);
+    free(entry);
+    UD_DEBUG("Request removed from the list for api-handle %ld, remaining list count is %d", (long)(intptr_t)api,
+             (int)g_list_length(url_downloader_request_list));
     bool unlocked = _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
-    if (node == NULL)
-        return FALSE; // a sweep took it between the check and the lock, and owns it now
 
     if (callback != NULL) {
         UD_DEBUG("Calling client callback for api-handle = %ld", (long)(intptr_t)api);

@@ -381,6 +381,7 @@ void url_downloader_finalize(void)
     UD_ERROR("Waiting for pthread_join on downloader thread to complete");
     pthread_join(processing_thread, NULL);
     drain_processing_pipe();
+    _url_downloader_forget_queued_requests();
 
     sem_destroy(&url_downloader_cancel_all_sem);
     sem_destroy(&url_downloader_deregister_sem);

@@ -70,6 +70,21 @@ url_downloader_error _url_downloader_send_message(int32_t type, url_downloader_h
 bool _url_downloader_prepend_request_list(url_downloader_h service, url_downloader_api_h api, url_downloader_error* error);
 bool _url_downloader_validate_sercvice_handle(url_downloader_h service);
 bool _url_downloader_validate_api_handle(url_downloader_api_h api);
+/* A request whose download message is still in the pipe, or whose delivery
+ * is still queued, belongs to that queued work: a sweep only takes it out of
+ * the list, and the queued work frees it. So its address cannot be reused by
+ * a new request while something still refers to it. Caller holds
+ * list_write_lock. */
+bool _url_downloader_owned_by_queue(url_downloader_api_h api);
+/* Called by the handler of a download message: the request is no longer
+ * owned by its message. Tells whether it is still listed. */
+bool _url_downloader_claim_submitted(url_downloader_api_h api, bool* listed);
+/* Takes back a request whose download message will never be handled: it is
+ * no longer owned by a message and no longer listed. The caller frees it. */
+void _url_downloader_withdraw_request(url_downloader_api_h api);
+/* At finalization: frees every request still waiting for its delivery and
+ * removes its idle source, and forgets the owned-by-queue records. */
+void _url_downloader_forget_queued_requests(void);
 /* Frees a request record with its strings. */
 void _url_downloader_free_api(url_downloader_api_t* api);
 /* Frees a service record with its name and network configuration. */
@@ -77,6 +92,10 @@ void _url_downloader_free_service(url_downloader_service_t* service);
 
 /* ---- result delivery ---- */
 bool _url_downloader_resp_callback(url_downloader_api_h api);
+/* Whether the request's delivery is queued; caller holds list_write_lock. */
+bool _url_downloader_delivery_pending(url_downloader_api_h api);
+/* Frees every request whose delivery is still queued and removes its source. */
+void _url_downloader_drop_pending_deliveries(void);
 
 /* ---- processing thread ---- */
 UD_EXPORT void* url_downloader_thread_loop(void* arg);
