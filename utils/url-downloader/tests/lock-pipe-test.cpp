@@ -206,20 +206,4 @@ TEST_F(ProcessingPipe, FailedWriteAndReadReportTheirCodes)
     EXPECT_TRUE(log.Contains(kDebug, "_url_downloader_read_pipe", "Error in reading message 0\n"));
 }
 
-TEST_F(ProcessingPipe, SendMessageFillsOnlyItsFields)
-{
-    auto* api = (url_downloader_api_h)0x1234;
-    auto* svc = (url_downloader_h)0x5678;
-    ASSERT_EQ(URL_DOWNLOADER_ERROR_NONE, _url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_REQUEST, svc, api));
-    url_downloader_message_t m;
-    url_downloader_error e;
-    _url_downloader_read_pipe(&m, &e);
-    ASSERT_EQ(URL_DOWNLOADER_ERROR_NONE, e);
-    EXPECT_EQ(0, m.reserved);
-    EXPECT_EQ(URL_DOWNLOADER_MSG_CANCEL_REQUEST, m.type);
-    EXPECT_EQ(svc, m.service);
-    EXPECT_EQ(api, m.api);
-    EXPECT_EQ(nullptr, m.info);
-}
-
 } // namespace
