@@ -206,7 +206,9 @@ TestServer::TestServer(bool https) : state_(new State)
     addr.sin_port = 0; // any free port, read back below
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
 
-    unsigned int flags = MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ERROR_LOG;
+    // poll(), not select(): load tests open more than FD_SETSIZE descriptors.
+    unsigned int flags =
+        MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL | MHD_USE_ERROR_LOG;
     if (https) {
         s->cert = Slurp(UD_TEST_CERT);
         s->key = Slurp(UD_TEST_KEY);
