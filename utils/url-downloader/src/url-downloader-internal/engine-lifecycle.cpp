@@ -1,5 +1,7 @@
 #include <errno.h>
+#include <fcntl.h>
 #include <new>
+#include <poll.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -23,13 +25,29 @@ void close_download_pipe()
     }
 }
 
+// The write end is non-blocking. A wake-up that finds the pipe full is not
+// needed: the wake-ups already in it make the transfer thread run another
+// cycle, which picks up every transfer added by then. Blocking there instead
+// could deadlock: the transfer thread, busy in its cycle, may itself be
+// waiting for the processing thread to read the processing pipe. The cleanup
+// message must not be lost, so it waits for room.
 bool write_download_message(int32_t value)
 {
-    ssize_t bytes;
-    do {
-        bytes = write(UrlDownloader::downloadPipe[1], &value, sizeof value);
-    } while (bytes < 0 && errno == EINTR);
-    return bytes > 0;
+    for (;;) {
+        ssize_t bytes = write(UrlDownloader::downloadPipe[1], &value, sizeof value);
+        if (bytes > 0)
+            return true;
+        if (bytes < 0 && errno == EINTR)
+            continue;
+        if (bytes < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (value != URL_DOWNLOADER_CURL_MSG_CLEANUP)
+                return true;
+            struct pollfd room = {UrlDownloader::downloadPipe[1], POLLOUT, 0};
+            poll(&room, 1, 100);
+            continue;
+        }
+        return false;
+    }
 }
 } // namespace
 
@@ -75,10 +93,13 @@ bool UrlDownloader::DownloaderInit()
         return false;
     }
 
-    if (pipe(downloadPipe) != 0) {
+    bool piped = pipe2(downloadPipe, O_CLOEXEC) == 0;
+    if (!piped)
+        downloadPipe[0] = downloadPipe[1] = -1;
+    if (!piped || fcntl(downloadPipe[1], F_SETFL, O_NONBLOCK) != 0) {
         perror("pipeerror: \n");
         UD_ERROR("Download PIPE creation failed");
-        downloadPipe[0] = downloadPipe[1] = -1;
+        close_download_pipe();
         curl_multi_cleanup(multiHandle);
         multiHandle = NULL;
         return false;
