@@ -36,7 +36,8 @@ TEST(Exports, OnlyTheInterfaceIsExported)
     auto starts = [](const std::string& s, const char* prefix) { return s.rfind(prefix, 0) == 0; };
     // Members of the three exported classes (functions and static data).
     auto member = [&](const std::string& s) {
-        for (const char* cls : {"_ZN13UrlDownloader", "_ZN15URLCacheManager", "_ZN8UrlCache"})
+        for (const char* cls : {"_ZN13UrlDownloader", "_ZN15URLCacheManager", "_ZN8UrlCache", "_ZNK13UrlDownloader",
+                                "_ZNK15URLCacheManager", "_ZNK8UrlCache"})
             if (starts(s, cls) && s.size() > std::string(cls).size())
                 return true;
         return false;
