@@ -47,8 +47,12 @@ public:
 
     /* The checks of every call that names a service, after its NULL tests:
      * the library is not being finalized (17) and the service is registered
-     * (1). Logs the refusal under func; returns 0 when the call may go on. */
-    url_downloader_error CheckService(const char* func, url_downloader_h service) const;
+     * (1). Logs the refusal under func; returns 0 when the call may go on.
+     * apply, when given, runs on the service with arg in the same locked
+     * section that found it listed, so a deregistration cannot free it
+     * meanwhile. */
+    url_downloader_error CheckService(const char* func, url_downloader_h service,
+                                      void (*apply)(url_downloader_h, void*) = NULL, void* arg = NULL) const;
 
 private:
     bool entered_;

@@ -136,20 +136,6 @@ void drain_processing_pipe()
     }
 }
 
-// Looks the service up and, while the list lock still keeps it alive, applies
-// change to it. Returns whether the service was listed.
-template <typename Change>
-bool with_listed_service(url_downloader_h service, Change change)
-{
-    url_downloader_error error;
-    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error))
-        return false;
-    bool listed = _url_downloader_validate_sercvice_handle(service);
-    if (listed)
-        change(service);
-    _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
-    return listed;
-}
 } // namespace
 
 UdPublicCall::UdPublicCall(bool refuse_while_finalizing) : entered_(false), up_(false)
@@ -169,13 +155,23 @@ UdPublicCall::~UdPublicCall()
         pthread_rwlock_unlock(&public_call_gate);
 }
 
-url_downloader_error UdPublicCall::CheckService(const char* func, url_downloader_h service) const
+url_downloader_error UdPublicCall::CheckService(const char* func, url_downloader_h service,
+                                                void (*apply)(url_downloader_h, void*), void* arg) const
 {
     if (!entered_ || destroying()) {
         UD_ERROR_AS(func, "%s", kDestroyingLine);
         return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
     }
-    if (!up_ || !_url_downloader_validate_sercvice_handle(service)) {
+    bool listed = false;
+    url_downloader_error error;
+    if (up_ && _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error)) {
+        listed = _url_downloader_validate_sercvice_handle(service);
+        if (listed && apply != NULL)
+            apply(service, arg);
+        if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error))
+            listed = false;
+    }
+    if (!listed) {
         UD_ERROR_AS(func, "Invalid service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
@@ -295,20 +291,19 @@ url_downloader_error url_downloader_clean(url_downloader_h service)
         UD_ERROR("NULL service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
-    UdPublicCall call;
-    url_downloader_error error = call.CheckService(__FUNCTION__, service);
-    if (error != URL_DOWNLOADER_ERROR_NONE)
-        return error;
     // The name is copied under the list lock: a deregistration carried out
     // meanwhile frees the service.
     char* appName = NULL;
-    if (!with_listed_service(service, [&appName](url_downloader_h s) {
+    UdPublicCall call;
+    url_downloader_error error = call.CheckService(
+        __FUNCTION__, service,
+        [](url_downloader_h s, void* name) {
             if (s->appName != NULL)
-                appName = strdup(s->appName);
-        })) {
-        UD_ERROR("Invalid service");
-        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
-    }
+                *(char**)name = strdup(s->appName);
+        },
+        &appName);
+    if (error != URL_DOWNLOADER_ERROR_NONE)
+        return error;
     URLCacheManager* cache = URLCacheManager::getInstance();
     bool deleted = cache != NULL && cache->deleteUrlCache(appName);
     free(appName);
@@ -322,25 +317,19 @@ url_downloader_error url_downloader_deregister(url_downloader_h service)
         UD_ERROR("NULL service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
+    // Silencing the callback under the list lock: delivery reads it there.
     UdPublicCall call;
-    url_downloader_error error = call.CheckService(__FUNCTION__, service);
+    url_downloader_error error =
+        call.CheckService(__FUNCTION__, service, [](url_downloader_h s, void*) { s->callback = NULL; });
     if (error != URL_DOWNLOADER_ERROR_NONE)
         return error;
-    // Silencing the callback under the list lock: delivery reads it there.
-    if (!with_listed_service(service, [](url_downloader_h s) { s->callback = NULL; })) {
-        UD_ERROR("Invalid service");
-        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
-    }
 
     error = _url_downloader_send_message(URL_DOWNLOADER_MSG_DEREGISTER_SERVICE, service, NULL);
     if (error != URL_DOWNLOADER_ERROR_NONE)
         return error;
 
     UD_DEBUG("Waiting till service is deregistered by processing thread");
-    int waited;
-    while ((waited = sem_wait(&url_downloader_deregister_sem)) != 0 && errno == EINTR) {
-    }
-    if (waited == 0)
+    if (_url_downloader_wait_reply(&url_downloader_deregister_sem))
         UD_DEBUG("Deregistered service");
     UD_END();
     return URL_DOWNLOADER_ERROR_NONE;
