@@ -19,28 +19,12 @@ bool curl_mutex_lock_initialised;
 bool UrlDownloader::DownloaderInstanceHandleMutex(url_downloader_mutex_operation_t operation,
                                                   url_downloader_error* error)
 {
-    if (error == NULL) {
-        UD_ERROR("Provided error-code is NULL");
-        return false;
-    }
-    *error = url_downloader_mutex_utility(&downloader_instance_lock, &downloader_instance_lock_initialised, operation);
-    if (*error != URL_DOWNLOADER_ERROR_NONE) {
-        UD_ERROR("mutex operation %d on downloader_instance_lock failed! error-code: %d", (int)operation, (int)*error);
-        return false;
-    }
-    return true;
+    return _url_downloader_named_mutex_operation(&downloader_instance_lock, &downloader_instance_lock_initialised,
+                                                 __FUNCTION__, "downloader_instance_lock", operation, error);
 }
 
 bool UrlDownloader::DownloaderHandleMutex(url_downloader_mutex_operation_t operation, url_downloader_error* error)
 {
-    if (error == NULL) {
-        UD_ERROR("Provided error-code is NULL");
-        return false;
-    }
-    *error = url_downloader_mutex_utility(&curl_mutex_lock, &curl_mutex_lock_initialised, operation);
-    if (*error != URL_DOWNLOADER_ERROR_NONE) {
-        UD_ERROR("mutex operation %d on curl_mutex_lock failed! error-code: %d", (int)operation, (int)*error);
-        return false;
-    }
-    return true;
+    return _url_downloader_named_mutex_operation(&curl_mutex_lock, &curl_mutex_lock_initialised, __FUNCTION__,
+                                                 "curl_mutex_lock", operation, error);
 }

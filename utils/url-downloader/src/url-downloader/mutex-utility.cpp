@@ -29,20 +29,6 @@ url_downloader_error init_recursive(pthread_mutex_t* mutex, bool* initialised)
     return URL_DOWNLOADER_ERROR_NONE;
 }
 
-bool named_lock_operation(pthread_mutex_t* mutex, bool* initialised, const char* func, const char* lock_name,
-                          url_downloader_mutex_operation_t operation, url_downloader_error* error)
-{
-    if (error == NULL) {
-        UD_ERROR_AS(func, "Provided error-code is NULL");
-        return false;
-    }
-    *error = url_downloader_mutex_utility(mutex, initialised, operation);
-    if (*error != URL_DOWNLOADER_ERROR_NONE) {
-        UD_ERROR_AS(func, "mutex operation %d on %s failed! error-code: %d", (int)operation, lock_name, (int)*error);
-        return false;
-    }
-    return true;
-}
 } // namespace
 
 url_downloader_error url_downloader_mutex_utility(pthread_mutex_t* mutex, bool* initialised,
@@ -106,14 +92,28 @@ url_downloader_error url_downloader_mutex_utility(pthread_mutex_t* mutex, bool* 
     return URL_DOWNLOADER_ERROR_NONE;
 }
 
+bool _url_downloader_named_mutex_operation(pthread_mutex_t* mutex, bool* initialised, const char* func, const char* lock_name,
+                                           url_downloader_mutex_operation_t operation, url_downloader_error* error)
+{
+    if (error == NULL) {
+        UD_ERROR_AS(func, "Provided error-code is NULL");
+        return false;
+    }
+    *error = url_downloader_mutex_utility(mutex, initialised, operation);
+    if (*error != URL_DOWNLOADER_ERROR_NONE) {
+        UD_ERROR_AS(func, "mutex operation %d on %s failed! error-code: %d", (int)operation, lock_name, (int)*error);
+        return false;
+    }
+    return true;
+}
 bool _url_downloader_list_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error)
 {
-    return named_lock_operation(&list_write_lock, &list_write_lock_initialised, __FUNCTION__, "list_write_lock",
+    return _url_downloader_named_mutex_operation(&list_write_lock, &list_write_lock_initialised, __FUNCTION__, "list_write_lock",
                                 operation, error);
 }
 
 bool _url_downloader_pipe_write_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error)
 {
-    return named_lock_operation(&pipe_write_lock, &pipe_write_lock_initialised, __FUNCTION__, "pipe_write_lock",
+    return _url_downloader_named_mutex_operation(&pipe_write_lock, &pipe_write_lock_initialised, __FUNCTION__, "pipe_write_lock",
                                 operation, error);
 }

@@ -9,6 +9,14 @@ int url_downloader_pipe_fd[2] = {-1, -1};
 sem_t url_downloader_cancel_all_sem;
 sem_t url_downloader_deregister_sem;
 
+bool _url_downloader_wait_reply(sem_t* reply)
+{
+    int waited;
+    while ((waited = sem_wait(reply)) != 0 && errno == EINTR) {
+    }
+    return waited == 0;
+}
+
 void url_downloader_write_pipe(const url_downloader_message_t* message, url_downloader_error* error)
 {
     if (message == NULL || error == NULL) {

@@ -1,4 +1,3 @@
-#include <errno.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -96,10 +95,7 @@ url_downloader_error url_downloader_cancel_all_requests(url_downloader_h service
     url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, service, NULL);
     if (error == URL_DOWNLOADER_ERROR_NONE) {
         UD_DEBUG("Waiting till all the requests are cancelled by processing thread");
-        int waited;
-        while ((waited = sem_wait(&url_downloader_cancel_all_sem)) != 0 && errno == EINTR) {
-        }
-        if (waited == 0)
+        if (_url_downloader_wait_reply(&url_downloader_cancel_all_sem))
             UD_DEBUG("Cancelled all the requests");
         UD_END();
     }

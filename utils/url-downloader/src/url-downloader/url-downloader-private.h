@@ -56,10 +56,19 @@ extern sem_t url_downloader_deregister_sem;
 /* ---- lock utility ---- */
 UD_EXPORT url_downloader_error url_downloader_mutex_utility(pthread_mutex_t* mutex, bool* initialised,
                                                             url_downloader_mutex_operation_t operation);
+/* A named lock's wrapper: refuses a NULL error word, runs the operation
+ * through the utility, stores its code and logs a failure under func with the
+ * lock's name. Returns whether the operation succeeded. */
+bool _url_downloader_named_mutex_operation(pthread_mutex_t* mutex, bool* initialised, const char* func,
+                                           const char* lock_name, url_downloader_mutex_operation_t operation,
+                                           url_downloader_error* error);
 bool _url_downloader_list_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error);
 bool _url_downloader_pipe_write_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error);
 
 /* ---- processing pipe ---- */
+/* Waits for the processing thread's post on a reply semaphore, through
+ * interruptions; true once it came. */
+bool _url_downloader_wait_reply(sem_t* reply);
 UD_EXPORT void url_downloader_write_pipe(const url_downloader_message_t* message, url_downloader_error* error);
 void _url_downloader_read_pipe(url_downloader_message_t* message, url_downloader_error* error);
 /* Allocates a zero-filled message of the type for the service and request,
