@@ -90,8 +90,11 @@ typedef struct url_downloader_api_t* url_downloader_api_h;
  * - error is 0, 6 or 16. The bool result is ignored.
  * - Called at most once per request; not called for requests dropped by
  *   url_downloader_cancel_all_requests, url_downloader_deregister or
- *   url_downloader_finalize. After it returns the request handle is dead.
- * - It may call any public function, url_downloader_deregister included.
+ *   url_downloader_finalize. The request handle stays valid while the
+ *   callback runs (cancelling it then changes nothing) and is dead once it
+ *   returns.
+ * - It may call any public function, url_downloader_deregister and
+ *   url_downloader_finalize included.
  */
 typedef bool (*url_downloader_callback_t)(url_downloader_api_h request, void* file_path,
                                           void* user_data, int error);
@@ -135,7 +138,8 @@ URL_DOWNLOADER_API url_downloader_error url_downloader_register(const char* app_
 
 /**
  * Replaces the service's proxy for transfers set up from now on; running
- * transfers keep theirs. A proxy can be replaced but not removed.
+ * transfers keep theirs. A proxy can be replaced but not removed. Never waits
+ * for a finalization: while one runs, every service is being dropped (1).
  * Returns 0, 1 (NULL or unknown service) or 19 (config or its proxy NULL).
  */
 URL_DOWNLOADER_API url_downloader_error url_downloader_configure_network(url_downloader_h service,
@@ -150,8 +154,10 @@ URL_DOWNLOADER_API url_downloader_error url_downloader_clean(url_downloader_h se
 
 /**
  * Deregisters the service and blocks until the processing thread has dropped
- * all its requests (no callbacks for them) and freed it; the handle is dead
- * afterwards. May be called from inside the client callback.
+ * all its requests (no callbacks for them) and freed it, and until a callback
+ * of the service that is running on another thread has returned; the handle
+ * is dead afterwards and no callback of the service runs any more. May be
+ * called from inside the client callback (it does not wait for that one).
  * Returns 0, 1 (NULL or unknown service), 17, or the pipe/lock error (9, 11-13).
  */
 URL_DOWNLOADER_API url_downloader_error url_downloader_deregister(url_downloader_h service);
@@ -160,7 +166,7 @@ URL_DOWNLOADER_API url_downloader_error url_downloader_deregister(url_downloader
  * Takes the library down: drops every request and service without callbacks,
  * stops the threads and blocks until they have ended. Every handle is dead
  * afterwards; a later url_downloader_register starts the library again.
- * Calls made while it runs get 17. Must not be called from the client callback.
+ * Calls made while it runs get 17. May be called from the client callback.
  */
 URL_DOWNLOADER_API void url_downloader_finalize(void);
 
@@ -190,7 +196,9 @@ URL_DOWNLOADER_API url_downloader_error url_downloader_cancel_request(url_downlo
 
 /**
  * Drops every request of the service without callbacks and blocks until that
- * is done; the service stays registered. Returns 0, 1, 17, or the pipe/lock error.
+ * is done, and until a callback of the service that is running on another
+ * thread has returned: once it returns, no callback of a dropped request
+ * runs. The service stays registered. Returns 0, 1, 17, or the pipe/lock error.
  */
 URL_DOWNLOADER_API url_downloader_error url_downloader_cancel_all_requests(url_downloader_h service);
 

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "cache-policy.h"
+#include "request-ledger.h"
 #include "log-capture.h"
 #include "main-loop.h"
 #include "test-db.h"
@@ -103,22 +104,23 @@ TEST(CachePolicyTest, HitHandsTheCachedPathToTheClientAndMissesLeaveTheRequest)
 {
     Write("cached", "body");
     ASSERT_TRUE(Admit("http://h/a", TempPath("cached"), 4, time(nullptr) + 60));
-    url_downloader_service_t service{Deliveries::Callback, nullptr, nullptr};
+    url_downloader_h service;
+    ASSERT_EQ(0, url_downloader_register("app", Deliveries::Callback, nullptr, &service));
     url_downloader_error error = URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED;
     LogCapture log;
     // A hit, then misses: an uncached URL and URLs too long to copy (the
     // limit counts the terminator), which must not end the process either.
     for (size_t length : {size_t{0}, size_t{12}, size_t{URL_DOWNLOADER_MAX_COPY_SIZE} - 1,
                           size_t{URL_DOWNLOADER_MAX_COPY_SIZE}}) {
-        auto* api = static_cast<url_downloader_api_t*>(malloc(sizeof(url_downloader_api_t)));
-        *api = {0, &service, strdup(S(TempPath("asked"))),
-                strdup(length == 0 ? "http://h/a" : S(std::string(length, 'u'))), true, nullptr, -1};
-        ASSERT_TRUE(length != 0 || _url_downloader_prepend_request_list(&service, api, &error));
+        url_downloader_api_h api = _url_downloader_new_request(
+            service, S(TempPath("asked")), length == 0 ? "http://h/a" : S(std::string(length, 'u')), true, nullptr);
+        ASSERT_TRUE(length != 0 ||
+                    (_url_downloader_prepend_request_list(service, api, &error) && _url_downloader_claim_submitted(api)));
         EXPECT_EQ(length == 0, url_downloader_check_cache(api, &error));
         EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, error);
         EXPECT_EQ(length == 0 ? TempPath("cached") : TempPath("asked"), api->filePath);
         if (length != 0)
-            _url_downloader_free_api(api); // a miss stays the caller's
+            _url_downloader_discard_request(api); // a miss stays the caller's
     }
     ASSERT_TRUE(Deliveries::WaitFor(1, 10s));
     EXPECT_EQ(TempPath("cached"), Deliveries::All()[0].path.value_or("NULL"));
@@ -127,6 +129,7 @@ TEST(CachePolicyTest, HitHandsTheCachedPathToTheClientAndMissesLeaveTheRequest)
     EXPECT_EQ(3u, log.Count(kDebug, "url_downloader_get_cache_filepath", "Trying to find URL in Cache\n"));
     EXPECT_FALSE(url_downloader_check_cache(nullptr, &error));
     EXPECT_FALSE(url_downloader_add_cache(nullptr, &error));
+    url_downloader_finalize();
 }
 
 TEST(CachePolicyTest, AdmissionTrimsOnlyPastTheBudgetAndKeepsTheNewRow)

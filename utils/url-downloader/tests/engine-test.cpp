@@ -17,6 +17,7 @@
 #include "test-server.h"
 #include "url-downloader-curl.h"
 #include "url-downloader-internal.h"
+#include "request-ledger.h"
 
 using ud_test::kDebug;
 using ud_test::kError;
@@ -38,8 +39,7 @@ protected:
         Stop();
         for (auto* api : apis_)
             free(api->filePath), free(api->url), free(api);
-        for (auto* s : services_)
-            free(s->fwConfig ? s->fwConfig->proxy : nullptr), free(s->fwConfig), free(s);
+        _url_downloader_forget_all(); // the services
         for (auto& r : responses_)
             free(r.second);
         close(url_downloader_pipe_fd[0]), close(url_downloader_pipe_fd[1]);
@@ -59,14 +59,12 @@ protected:
     }
     url_downloader_api_t* Request(const std::string& url, const std::string& path, const std::string& proxy = "")
     {
-        auto* s = (url_downloader_service_t*)calloc(1, sizeof(url_downloader_service_t));
-        if (!proxy.empty()) {
-            s->fwConfig = (url_downloader_config_t*)calloc(1, sizeof(url_downloader_config_t));
-            s->fwConfig->proxy = strdup(proxy.c_str());
-        }
+        url_downloader_h s = _url_downloader_new_service("engine", nullptr, proxy.empty() ? nullptr : proxy.c_str());
+        url_downloader_error error;
+        EXPECT_TRUE(_url_downloader_prepend_request_list(s, nullptr, &error)); // the engine reads its proxy
         auto* api = (url_downloader_api_t*)calloc(1, sizeof(url_downloader_api_t));
         *api = {0, s, path.empty() ? nullptr : strdup(path.c_str()), strdup(url.c_str()), false, nullptr, 0};
-        services_.push_back(s), apis_.push_back(api);
+        apis_.push_back(api);
         return api;
     }
     bool Start(url_downloader_api_t* api)
@@ -104,7 +102,6 @@ protected:
     UrlDownloader* engine_ = nullptr;
     ud_test::TestServer server_;
     std::vector<url_downloader_api_t*> apis_;
-    std::vector<url_downloader_service_t*> services_;
     std::map<url_downloader_api_h, url_downloader_response_info_t*> responses_;
 };
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "log-capture.h"
-#include "url-downloader-private.h"
+#include "request-ledger.h"
 
 using ud_test::kDebug;
 using ud_test::kError;
@@ -198,7 +198,7 @@ TEST_F(ProcessingPipe, FailedWriteAndReadReportTheirCodes)
     EXPECT_EQ(URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED, e);
     EXPECT_TRUE(log.Contains(kDebug, "url_downloader_write_pipe", "Writing to pipe failed, bytes=[-1]\n"));
     // The lock was released after the failed write.
-    EXPECT_EQ(URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED, _url_downloader_send_message(URL_DOWNLOADER_MSG_NONE, nullptr, nullptr));
+    EXPECT_EQ(URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED, _url_downloader_send_message(URL_DOWNLOADER_MSG_NONE, nullptr, nullptr, nullptr));
 
     // All writers gone: the reader sees end of file, not a message.
     _url_downloader_read_pipe(&m, &e);

@@ -37,16 +37,27 @@ bool read_download_message(int fd, int32_t* value)
     return true;
 }
 
-// The lock can only fail on a broken mutex; pause between attempts so that
-// such a failure does not burn a core.
-void lock_until_taken(UrlDownloader* engine)
-{
-    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
-    while (!engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err)) {
-        struct timespec pause = {0, 1000000};
-        nanosleep(&pause, NULL);
+// Holds curl_mutex_lock for its scope. Taking it can only fail on a broken
+// mutex; the thread cannot go on without it, so it pauses between attempts
+// rather than burn a core.
+class CurlLockTaken {
+public:
+    CurlLockTaken()
+    {
+        url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
+        while (!UrlDownloader::DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err)) {
+            struct timespec pause = {0, 1000000};
+            nanosleep(&pause, NULL);
+        }
     }
-}
+    ~CurlLockTaken()
+    {
+        url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
+        UrlDownloader::DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
+    }
+    CurlLockTaken(const CurlLockTaken&) = delete;
+    CurlLockTaken& operator=(const CurlLockTaken&) = delete;
+};
 
 // Finished transfers are reported and torn down in the same locked section
 // as the perform that finished them, so a cancellation never meets one
@@ -74,15 +85,15 @@ void drain_finished(UrlDownloader* engine, CURLM* multi)
 // are written once the lock is released.
 void perform(UrlDownloader* engine, CURLM* multi, int* running, bool report_errors)
 {
-    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
     CURLMcode rc;
     do {
-        lock_until_taken(engine);
-        rc = curl_multi_perform(multi, running);
-        if (report_errors && rc != CURLM_OK && rc != CURLM_CALL_MULTI_PERFORM)
-            UD_ERROR_AS("url_downloader_download_loop", "Muti-perform Error:: %s\n", curl_multi_strerror(rc));
-        drain_finished(engine, multi);
-        engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
+        {
+            CurlLockTaken lock;
+            rc = curl_multi_perform(multi, running);
+            if (report_errors && rc != CURLM_OK && rc != CURLM_CALL_MULTI_PERFORM)
+                UD_ERROR_AS("url_downloader_download_loop", "Muti-perform Error:: %s\n", curl_multi_strerror(rc));
+            drain_finished(engine, multi);
+        }
         _url_downloader_flush_responses();
     } while (rc == CURLM_CALL_MULTI_PERFORM);
 }
@@ -100,16 +111,18 @@ void run_cycle(UrlDownloader* engine, CURLM* multi)
         FD_ZERO(&write_set);
         FD_ZERO(&error_set);
 
-        url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
-        if (!engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err)) {
-            UD_ERROR_AS("url_downloader_download_loop", "Locking curl_write_lock failed with error-code as %d",
-                        (int)err);
-        } else {
-            curl_multi_fdset(multi, &read_set, &write_set, &error_set, &max_fd);
-            curl_multi_timeout(multi, &timeout_ms);
-            if (!engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err))
-                UD_ERROR_AS("url_downloader_download_loop", "Unlocking curl_write_lock failed with error-code as %d",
-                            (int)err);
+        {
+            UdScopedLock lock(UrlDownloader::DownloaderHandleMutex);
+            if (!lock.Held()) {
+                UD_ERROR_AS("url_downloader_download_loop", "Locking curl_write_lock failed with error-code as %d",
+                            (int)lock.Error());
+            } else {
+                curl_multi_fdset(multi, &read_set, &write_set, &error_set, &max_fd);
+                curl_multi_timeout(multi, &timeout_ms);
+                if (!lock.Release())
+                    UD_ERROR_AS("url_downloader_download_loop",
+                                "Unlocking curl_write_lock failed with error-code as %d", (int)lock.Error());
+            }
         }
 
         struct timeval wait;
@@ -162,11 +175,11 @@ void* url_downloader_download_loop(void* arg)
     UD_DEBUG("Cleaning up multi handle, Exiting CURL thread loop!");
     // Under the lock, so that a late set-up or cancellation finds no multi
     // handle instead of a freed one.
-    lock_until_taken(engine);
-    UrlDownloader::multiHandle = NULL;
-    curl_multi_cleanup(multi);
-    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
-    engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
+    {
+        CurlLockTaken lock;
+        UrlDownloader::multiHandle = NULL;
+        curl_multi_cleanup(multi);
+    }
     UD_END();
     return NULL;
 }

@@ -7,7 +7,7 @@
 
 #include <curl/curl.h>
 
-#include "url-downloader-private.h"
+#include "url-downloader-common.h"
 
 extern "C" {
 /* Transfer thread body; arg is the engine object. Returns NULL (0). */

@@ -54,9 +54,11 @@ bool write_download_message(int32_t value)
 UrlDownloader* UrlDownloader::CreateInstance()
 {
     UD_BEGIN();
-    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
-    DownloaderInstanceHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err);
-
+    // A lock that cannot be taken is reported by its wrapper; creating the
+    // engine without it could make two.
+    UdScopedLock lock(DownloaderInstanceHandleMutex);
+    if (!lock.Held())
+        return NULL;
     if (instance == NULL) {
         instance = new (std::nothrow) UrlDownloader();
         if (instance == NULL || !instance->DownloaderInit()) {
@@ -68,15 +70,11 @@ UrlDownloader* UrlDownloader::CreateInstance()
                 keep_instance_lock = false;
             }
             instance = NULL;
-            DownloaderInstanceHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
             return NULL;
         }
     }
-
-    UrlDownloader* engine = instance;
-    DownloaderInstanceHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
     UD_END();
-    return engine;
+    return instance;
 }
 
 bool UrlDownloader::DownloaderInit()

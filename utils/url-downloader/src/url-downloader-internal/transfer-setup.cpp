@@ -21,37 +21,12 @@ void free_record(url_downloader_curl_pvt_data* data)
     free(data);
 }
 
-CURLM* current_multi_handle(UrlDownloader* engine)
+CURLM* current_multi_handle()
 {
-    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
-    if (!engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err))
-        return NULL;
-    CURLM* multi = UrlDownloader::multiHandle;
-    engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
-    return multi;
+    UdScopedLock lock(UrlDownloader::DownloaderHandleMutex);
+    return lock.Held() ? UrlDownloader::multiHandle : NULL;
 }
 
-// The service's configuration may be replaced by a client thread at any
-// time, so the proxy is copied under the request-list lock. Returns false
-// when the lock cannot be used.
-bool copy_service_proxy(url_downloader_h service, char** proxy)
-{
-    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
-    *proxy = NULL;
-    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &err)) {
-        UD_ERROR_AS("DownloaderCreateEasyHandle", "Locking mutex failed with error-code %d", (int)err);
-        return false;
-    }
-    if (service->fwConfig != NULL && service->fwConfig->proxy != NULL)
-        *proxy = strdup(service->fwConfig->proxy);
-    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &err)) {
-        UD_ERROR_AS("DownloaderCreateEasyHandle", "Unlocking mutex failed with error-code %d", (int)err);
-        free(*proxy);
-        *proxy = NULL;
-        return false;
-    }
-    return true;
-}
 } // namespace
 
 bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
@@ -67,18 +42,14 @@ bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
     }
 
     CURL* easy = curl_easy_init();
-    if (current_multi_handle(this) == NULL || easy == NULL) {
+    if (current_multi_handle() == NULL || easy == NULL) {
         UD_ERROR("Curl initialization failed\n");
         if (easy != NULL)
             curl_easy_cleanup(easy);
         return false;
     }
 
-    char* proxy = NULL;
-    if (!copy_service_proxy(api->service, &proxy)) {
-        curl_easy_cleanup(easy);
-        return false;
-    }
+    char* proxy = _url_downloader_copy_service_proxy(api->service);
     if (proxy != NULL) {
         UD_DEBUG("Using proxy [%s]\n", proxy);
         curl_easy_setopt(easy, CURLOPT_PROXY, proxy); // libcurl keeps its own copy
@@ -104,15 +75,14 @@ bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_USERAGENT, kUserAgent);
 
-    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
-    if (!DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err)) {
-        UD_ERROR("Locking mutex failed with error-code %d", (int)err);
+    UdScopedLock lock(DownloaderHandleMutex);
+    if (!lock.Held()) {
+        UD_ERROR("Locking mutex failed with error-code %d", (int)lock.Error());
         curl_easy_cleanup(easy);
         free_record(user_data);
         return false;
     }
 
-    bool result = false;
     // The multi handle goes away when the transfer thread ends; check it again
     // now that nobody can change it.
     CURLMcode rc = multiHandle != NULL ? curl_multi_add_handle(multiHandle, easy) : CURLM_BAD_HANDLE;
@@ -120,18 +90,16 @@ bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
         UD_ERROR("curl_multi_add_handle failed!");
         curl_easy_cleanup(easy);
         free_record(user_data);
-    } else {
-        activeTransactions = g_list_prepend(activeTransactions, user_data);
-        api->transferActive = 1;
-        UD_DEBUG("Curl easy handle added for api-handle %ld\n\n", (long)(intptr_t)api);
-        result = true;
+        return false;
     }
-
-    if (!DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err)) {
-        UD_ERROR("Unlocking mutex failed with error-code %d", (int)err);
-        result = false;
+    activeTransactions = g_list_prepend(activeTransactions, user_data);
+    api->transferActive = 1;
+    UD_DEBUG("Curl easy handle added for api-handle %ld\n\n", (long)(intptr_t)api);
+    if (!lock.Release()) {
+        UD_ERROR("Unlocking mutex failed with error-code %d", (int)lock.Error());
+        return false;
     }
-    return result;
+    return true;
 }
 
 bool UrlDownloader::DownloaderCancelRequest(url_downloader_api_t* api)
@@ -142,8 +110,8 @@ bool UrlDownloader::DownloaderCancelRequest(url_downloader_api_t* api)
 
 bool UrlDownloader::DownloaderCleanupEasyHandle(url_downloader_api_t* api)
 {
-    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
-    if (!DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err))
+    UdScopedLock lock(DownloaderHandleMutex);
+    if (!lock.Held())
         return false;
     UD_DEBUG("api-handle is %ld", (long)(intptr_t)api);
 
@@ -156,13 +124,11 @@ bool UrlDownloader::DownloaderCleanupEasyHandle(url_downloader_api_t* api)
             break;
         }
     }
-    if (data == NULL) {
-        DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
+    if (data == NULL)
         return false;
-    }
     UD_DEBUG("API handle found in active transaction list");
     _url_downloader_teardown_transaction(this, data);
-    return DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
+    return lock.Release();
 }
 
 void UrlDownloader::RemoveTransaction(url_downloader_curl_pvt_data* data)
@@ -227,8 +193,7 @@ void _url_downloader_finish_transfer(UrlDownloader* engine, CURL* easy, url_down
 
 void _url_downloader_release_transactions(UrlDownloader* engine)
 {
-    url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
-    bool locked = engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err);
+    UdScopedLock lock(UrlDownloader::DownloaderHandleMutex);
     while (UrlDownloader::activeTransactions != NULL) {
         url_downloader_curl_pvt_data* data = (url_downloader_curl_pvt_data*)UrlDownloader::activeTransactions->data;
         UrlDownloader::activeTransactions =
@@ -243,6 +208,4 @@ void _url_downloader_release_transactions(UrlDownloader* engine)
         }
         free_record(data);
     }
-    if (locked)
-        engine->DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
 }

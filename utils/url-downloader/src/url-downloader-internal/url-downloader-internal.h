@@ -8,7 +8,13 @@
 #include <curl/curl.h>
 #include <glib.h>
 
-#include "url-downloader-private.h"
+#include "url-downloader-common.h"
+
+/* What the engine needs of the request side: a copy of the service's proxy
+ * (the caller frees it), or NULL when it has none or is no longer
+ * registered. Read under the request side's own lock, since a client may
+ * replace it at any time. */
+char* _url_downloader_copy_service_proxy(url_downloader_h service);
 
 /* Values of the 4-byte messages of the download pipe. */
 #define URL_DOWNLOADER_CURL_MSG_CLEANUP 0
@@ -40,7 +46,7 @@ public:
     void RemoveTransaction(url_downloader_curl_pvt_data* data);
 
     static bool DownloaderInstanceHandleMutex(url_downloader_mutex_operation_t operation, url_downloader_error* error);
-    bool DownloaderHandleMutex(url_downloader_mutex_operation_t operation, url_downloader_error* error);
+    static bool DownloaderHandleMutex(url_downloader_mutex_operation_t operation, url_downloader_error* error);
 
     static UrlDownloader* instance;
     static int downloadPipe[2];

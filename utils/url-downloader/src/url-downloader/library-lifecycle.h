@@ -41,15 +41,15 @@ public:
     UdPublicCall(const UdPublicCall&) = delete;
     UdPublicCall& operator=(const UdPublicCall&) = delete;
 
-    /* Whether the library is up. When it is not, no handle can be valid and
-     * the list lock must not be touched. */
-    bool LibraryUp() const { return up_; }
+    /* Whether the call got in and the library is up. When it is not, no
+     * handle can be valid and the list lock must not be touched. */
+    bool LibraryUp() const { return entered_ && up_; }
 
     /* The checks of every call that names a service, after its NULL tests:
      * the library is not being finalized (17) and the service is registered
      * (1). Logs the refusal under func; returns 0 when the call may go on.
      * apply, when given, runs on the service with arg in the same locked
-     * section that found it listed, so a deregistration cannot free it
+     * section that found it registered, so a deregistration cannot free it
      * meanwhile. */
     url_downloader_error CheckService(const char* func, url_downloader_h service,
                                       void (*apply)(url_downloader_h, void*) = NULL, void* arg = NULL) const;
@@ -58,9 +58,5 @@ private:
     bool entered_;
     bool up_;
 };
-
-/* Frees what a message that the processing thread will never handle owns:
- * its info, and the request record when nobody else can free it. */
-void _url_downloader_discard_message(const url_downloader_message_t* message);
 
 #endif

@@ -1,3 +1,5 @@
+#include <errno.h>
+#include <poll.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -5,6 +7,7 @@
 
 #include "cache-policy.h"
 #include "library-lifecycle.h"
+#include "request-ledger.h"
 #include "url-downloader-internal.h"
 
 namespace {
@@ -13,29 +16,13 @@ const char* printable(const char* text) { return text != NULL ? text : "(null)";
 
 long handle_number(const void* handle) { return (long)(intptr_t)handle; }
 
-
-// Caller holds list_write_lock.
-bool listed_locked(url_downloader_api_h api)
-{
-    for (GList* node = url_downloader_request_list; node != NULL; node = node->next) {
-        if (((url_downloader_request_entry_t*)node->data)->api == api)
-            return true;
-    }
-    return false;
-}
-
 void _url_downloader_execute_download_request(url_downloader_api_h api, url_downloader_error* error)
 {
     UD_BEGIN();
     *error = URL_DOWNLOADER_ERROR_NONE;
-    UrlDownloader* engine = UrlDownloader::instance;
-    bool listed = false;
-    bool owned = _url_downloader_claim_submitted(api, &listed);
-    if (!listed) {
+    if (!_url_downloader_claim_submitted(api)) {
+        // Swept before its message came; the ledger has let it go.
         UD_ERROR("Api not found in the global reuqets list");
-        // A sweep dropped it before its message came, and left it to us.
-        if (owned)
-            _url_downloader_free_api(api);
         return;
     }
     if (api->useCache) {
@@ -46,23 +33,24 @@ void _url_downloader_execute_download_request(url_downloader_api_h api, url_down
         UD_DEBUG("URL not found in DB");
     }
 
-    if (engine != NULL && engine->DownloaderCreateEasyHandle(api)) {
+    if (_url_downloader_start_transfer(api)) {
         UD_DEBUG("Download requested to CURL");
         // A transfer that was added runs on the transfer thread's next cycle
         // even when this wake-up is lost.
-        if (!engine->DownloaderExecuteRequest())
+        if (!UrlDownloader::instance->DownloaderExecuteRequest())
             *error = URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED;
     } else {
         UD_ERROR("url_downloader_add_easy_handle failed");
-        // Without a transfer nothing would ever answer the request: answer it
-        // now as failed. A transfer that was added although the engine
-        // reported failure answers for itself.
-        if (api->transferActive == 0) {
-            free(api->filePath);
-            api->filePath = NULL;
-            api->error = URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED;
-            _url_downloader_resp_callback(api);
+        // Without a transfer nothing would ever answer the request: answer
+        // it now as failed. One that was added answers for itself.
+        if (api->transferActive != 0) {
+            UD_END();
+            return;
         }
+        free(api->filePath);
+        api->filePath = NULL;
+        api->error = URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED;
+        _url_downloader_resp_callback(api);
     }
     UD_END();
 }
@@ -70,11 +58,10 @@ void _url_downloader_execute_download_request(url_downloader_api_h api, url_down
 void _url_downloader_process_download_response(url_downloader_api_h api, url_downloader_response_info_t* info)
 {
     UD_BEGIN();
-    if (!_url_downloader_validate_api_handle(api)) {
-        // A sweep dropped the request after its transfer had finished and
-        // left the record to this response.
+    if (!_url_downloader_claim_response(api)) {
+        // A sweep dropped the request after its transfer had finished; the
+        // ledger has let it go.
         UD_ERROR("Entry not found in the global list, api already canceled");
-        _url_downloader_free_api(api);
         return;
     }
 
@@ -122,14 +109,7 @@ void _url_downloader_execute_cancel_request(url_downloader_api_h api, url_downlo
 {
     UD_BEGIN();
     *error = URL_DOWNLOADER_ERROR_NONE;
-    UrlDownloader* engine = UrlDownloader::instance;
-    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, error))
-        return;
-    bool cancelled = api != NULL && engine != NULL && listed_locked(api) && engine->DownloaderCancelRequest(api);
-    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, error))
-        return;
-
-    if (cancelled) {
+    if (_url_downloader_cancel_running(api)) {
         api->error = URL_DOWNLOADER_ERROR_REQUEST_CANCELLED;
         free(api->filePath);
         api->filePath = NULL;
@@ -151,55 +131,10 @@ void _url_downloader_execute_cancel_all_request(url_downloader_message_t* messag
         UD_ERROR("Invalid input param");
         return;
     }
-    UrlDownloader* engine = UrlDownloader::instance;
     *error = URL_DOWNLOADER_ERROR_NONE;
-    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, error))
-        return;
-
-    // One pass: removing a node leaves the rest of the list intact, so the
-    // walk goes on from the node after it.
-    GList* node = url_downloader_request_list;
-    while (node != NULL) {
-        GList* next = node->next;
-        url_downloader_request_entry_t* entry = (url_downloader_request_entry_t*)node->data;
-        if (!allServices && entry->service != message->service) {
-            node = next;
-            continue;
-        }
-        if (entry->api == NULL) {
-            if (!withRegistration) {
-                node = next;
-                continue;
-            }
-            UD_DEBUG("Service registration entry for %s app removed from list",
-                     printable(entry->service != NULL ? entry->service->appName : NULL));
-            _url_downloader_free_service(entry->service);
-        } else {
-            url_downloader_api_t* api = entry->api;
-            if (_url_downloader_owned_by_queue(api)) {
-                // Its download message or its delivery is still queued and
-                // frees it; until then its address cannot be reused.
-            } else if (api->transferActive != 0) {
-                // A transfer that has already finished reports back; its
-                // response frees the record. One torn down here never will.
-                if (engine == NULL || engine->DownloaderCancelRequest(api)) {
-                    UD_DEBUG("Freeing api-handle %ld", handle_number(api));
-                    _url_downloader_free_api(api);
-                }
-            } else {
-                UD_DEBUG("Freeing api-handle %ld", handle_number(api));
-                _url_downloader_free_api(api);
-            }
-        }
-        url_downloader_request_list = g_list_delete_link(url_downloader_request_list, node);
-        free(entry);
-        node = next;
-    }
-    UD_DEBUG("List count is %d", (int)g_list_length(url_downloader_request_list));
-
-    if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, error))
-        return;
-    UD_END();
+    _url_downloader_sweep(message->service, withRegistration, allServices, error);
+    if (*error == URL_DOWNLOADER_ERROR_NONE)
+        UD_END();
 }
 
 void _url_downloader_execute_deregister_service(url_downloader_message_t* message, url_downloader_error* error)
@@ -216,6 +151,30 @@ void _url_downloader_execute_clean_request_list(url_downloader_message_t* messag
     UD_END();
 }
 
+// Joins the transfer thread while reading the processing pipe: that thread
+// may be writing the responses of transfers that finished at the last
+// moment, and would block for good once the pipe is full. What is read now
+// can only be such responses (finalization keeps client calls out); their
+// requests are freed with the ledger.
+void join_transfer_thread()
+{
+    for (;;) {
+        if (pthread_tryjoin_np(UrlDownloader::CurlThread, NULL) == 0)
+            return;
+        struct pollfd readable = {url_downloader_pipe_fd[0], POLLIN, 0};
+        if (poll(&readable, 1, 10) > 0 && (readable.revents & POLLIN) != 0) {
+            url_downloader_message_t message;
+            memset(&message, 0, sizeof message);
+            ssize_t bytes = read(url_downloader_pipe_fd[0], &message, sizeof message);
+            if (bytes == (ssize_t)sizeof message)
+                free(message.info);
+            else if (bytes < 0 && errno != EINTR)
+                break;
+        }
+    }
+    pthread_join(UrlDownloader::CurlThread, NULL);
+}
+
 // Stops the transfer thread and destroys the engine.
 void shut_engine_down()
 {
@@ -229,26 +188,10 @@ void shut_engine_down()
         return;
     }
     UD_ERROR_AS("url_downloader_thread_loop", "Waiting for pthread_join on curl thread to complete");
-    pthread_join(UrlDownloader::CurlThread, NULL);
+    join_transfer_thread();
     delete engine;
 }
 } // namespace
-
-void _url_downloader_discard_message(const url_downloader_message_t* message)
-{
-    if (message == NULL)
-        return;
-    switch (message->type) {
-    case URL_DOWNLOADER_MSG_DOWNLOAD_REQUEST:  // owned by its message, listed or swept
-    case URL_DOWNLOADER_MSG_DOWNLOAD_RESPONSE: // a request with a response on its way belongs to it
-        _url_downloader_withdraw_request(message->api);
-        _url_downloader_free_api(message->api);
-        break;
-    default:
-        break;
-    }
-    free(message->info);
-}
 
 void* url_downloader_thread_loop(void* arg)
 {
@@ -281,12 +224,12 @@ void* url_downloader_thread_loop(void* arg)
         case URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST:
             _url_downloader_execute_cancel_all_request(&message, false, false, &error);
             UD_DEBUG("canceled all apis, unlocking semaphore");
-            sem_post(&url_downloader_cancel_all_sem);
+            _url_downloader_post_reply(message.type, &url_downloader_cancel_all_sem);
             break;
         case URL_DOWNLOADER_MSG_DEREGISTER_SERVICE:
             _url_downloader_execute_deregister_service(&message, &error);
             UD_DEBUG("Deregistration of service complete, unlocking semaphore");
-            sem_post(&url_downloader_deregister_sem);
+            _url_downloader_post_reply(message.type, &url_downloader_deregister_sem);
             break;
         case URL_DOWNLOADER_MSG_CLEAN_REQUEST_LIST:
             _url_downloader_execute_clean_request_list(&message, &error);

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "library-lifecycle.h"
+#include "request-ledger.h"
 
 url_downloader_error url_downloader_download(url_downloader_h service, const char* filePath, const char* url,
                                              bool useCache, const void* userData, url_downloader_api_h* handle)
@@ -30,28 +31,25 @@ url_downloader_error url_downloader_download(url_downloader_h service, const cha
         return URL_DOWNLOADER_ERROR_INVALID_URL;
     }
 
-    url_downloader_api_t* api = (url_downloader_api_t*)calloc(1, sizeof(url_downloader_api_t));
-    UD_ASSERT_ALLOC(api);
-    api->service = service;
-    api->filePath = strdup(filePath);
-    api->url = strdup(url);
-    api->useCache = useCache;
-    api->userData = userData;
+    url_downloader_api_h api = _url_downloader_new_request(service, filePath, url, useCache, userData);
     UD_DEBUG("URL Downloader requested cache[%d], url[%s] filename[%s] \n", (int)useCache, url, filePath);
 
+    // The service is checked again where the entry is added, in one locked
+    // section: it may have been deregistered since the check above.
     url_downloader_error error = URL_DOWNLOADER_ERROR_NONE;
-    if (!_url_downloader_prepend_request_list(service, api, &error) || error != URL_DOWNLOADER_ERROR_NONE) {
-        UD_ERROR("Appending request to the list failed");
-        _url_downloader_free_api(api);
+    if (!_url_downloader_prepend_request_list(service, api, &error)) {
+        if (error == URL_DOWNLOADER_ERROR_INVALID_PARAMETER)
+            UD_ERROR("Invalid service");
+        else
+            UD_ERROR("Appending request to the list failed");
+        _url_downloader_discard_request(api);
         return error;
     }
 
-    error = _url_downloader_send_message(URL_DOWNLOADER_MSG_DOWNLOAD_REQUEST, service, api);
+    error = _url_downloader_send_message(URL_DOWNLOADER_MSG_DOWNLOAD_REQUEST, service, api, NULL);
     if (error != URL_DOWNLOADER_ERROR_NONE) {
         UD_ERROR("Writing message to pipe failed");
-        // Without its message nothing else will free it, swept or not.
         _url_downloader_withdraw_request(api);
-        _url_downloader_free_api(api);
         return error;
     }
     *handle = api;
@@ -71,13 +69,17 @@ url_downloader_error url_downloader_cancel_request(url_downloader_h service, url
     url_downloader_error checked = call.CheckService(__FUNCTION__, service);
     if (checked != URL_DOWNLOADER_ERROR_NONE)
         return checked;
-    if (!_url_downloader_validate_api_handle(api)) {
+    // Pinned until its cancel message is handled, so that the address
+    // cannot be taken by a new request before then.
+    if (!_url_downloader_pin_for_cancel(api)) {
         UD_ERROR("Invalid api handle");
         return URL_DOWNLOADER_ERROR_INVALID_API_HANDLE;
     }
-    url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_REQUEST, service, api);
+    url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_REQUEST, service, api, NULL);
     if (error == URL_DOWNLOADER_ERROR_NONE)
         UD_END();
+    else
+        _url_downloader_unpin_cancel(api);
     return error;
 }
 
@@ -88,16 +90,23 @@ url_downloader_error url_downloader_cancel_all_requests(url_downloader_h service
         UD_ERROR("NULL service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
-    UdPublicCall call;
-    url_downloader_error checked = call.CheckService(__FUNCTION__, service);
-    if (checked != URL_DOWNLOADER_ERROR_NONE)
-        return checked;
-    url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, service, NULL);
-    if (error == URL_DOWNLOADER_ERROR_NONE) {
+    {
+        UdPublicCall call;
+        url_downloader_error checked = call.CheckService(__FUNCTION__, service);
+        if (checked != URL_DOWNLOADER_ERROR_NONE)
+            return checked;
+        uint64_t ticket = 0;
+        url_downloader_error error =
+            _url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, service, NULL, &ticket);
+        if (error != URL_DOWNLOADER_ERROR_NONE)
+            return error;
         UD_DEBUG("Waiting till all the requests are cancelled by processing thread");
-        if (_url_downloader_wait_reply(&url_downloader_cancel_all_sem))
+        if (_url_downloader_wait_reply(&url_downloader_cancel_all_sem, URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, ticket))
             UD_DEBUG("Cancelled all the requests");
-        UD_END();
     }
-    return error;
+    // As for deregistration: no callback of a dropped request may still be
+    // running on another thread once this returns.
+    _url_downloader_wait_for_deliveries(service);
+    UD_END();
+    return URL_DOWNLOADER_ERROR_NONE;
 }

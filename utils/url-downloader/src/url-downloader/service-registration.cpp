@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "library-lifecycle.h"
+#include "request-ledger.h"
 #include "url-cache-manager.h"
 #include "url-downloader-internal.h"
 
@@ -132,7 +133,7 @@ void drain_processing_pipe()
             continue;
         if (bytes != (ssize_t)sizeof message)
             break;
-        _url_downloader_discard_message(&message);
+        free(message.info); // its request goes with the ledger
     }
 }
 
@@ -162,16 +163,7 @@ url_downloader_error UdPublicCall::CheckService(const char* func, url_downloader
         UD_ERROR_AS(func, "%s", kDestroyingLine);
         return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
     }
-    bool listed = false;
-    url_downloader_error error;
-    if (up_ && _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error)) {
-        listed = _url_downloader_validate_sercvice_handle(service);
-        if (listed && apply != NULL)
-            apply(service, arg);
-        if (!_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error))
-            listed = false;
-    }
-    if (!listed) {
+    if (!up_ || !_url_downloader_with_service(service, apply, arg)) {
         UD_ERROR_AS(func, "Invalid service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
@@ -216,23 +208,16 @@ url_downloader_error url_downloader_register(const char* appName, url_downloader
         return URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED;
     }
 
-    url_downloader_service_t* temp_service = (url_downloader_service_t*)calloc(1, sizeof(url_downloader_service_t));
-    UD_ASSERT_ALLOC(temp_service);
-    if (appName != NULL)
-        temp_service->appName = strdup(appName);
-    temp_service->callback = callback;
-    if (config != NULL && config->proxy != NULL) {
-        UD_DEBUG("Network proxy is set by application as [%s]\n", config->proxy);
-        temp_service->fwConfig = (url_downloader_config_t*)calloc(1, sizeof(url_downloader_config_t));
-        UD_ASSERT_ALLOC(temp_service->fwConfig);
-        temp_service->fwConfig->proxy = strdup(config->proxy);
-    }
+    const char* proxy = config != NULL ? config->proxy : NULL;
+    if (proxy != NULL)
+        UD_DEBUG("Network proxy is set by application as [%s]\n", proxy);
+    url_downloader_h temp_service = _url_downloader_new_service(appName, callback, proxy);
 
     url_downloader_error error = URL_DOWNLOADER_ERROR_NONE;
     _url_downloader_prepend_request_list(temp_service, NULL, &error);
     pthread_mutex_unlock(&lifecycle_lock);
     if (error != URL_DOWNLOADER_ERROR_NONE) {
-        _url_downloader_free_service(temp_service);
+        _url_downloader_discard_service(temp_service);
         UD_ERROR("Message_write failed with error-code as %d", (int)error);
         return error;
     }
@@ -253,30 +238,32 @@ url_downloader_error url_downloader_configure_network(url_downloader_h service, 
         return URL_DOWNLOADER_ERROR_INVALID_NETWORK_CONFIG;
     }
 
-    // The engine reads the proxy under the list lock when it sets up a
-    // transfer; replacing it under the same lock, and only while the service
-    // is listed, never hands it a freed string nor writes into a freed service.
-    char* proxy = strdup(config->proxy);
-    UdPublicCall call(false);
-    bool listed = false;
-    url_downloader_error error;
-    if (call.LibraryUp() && _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &error)) {
-        listed = _url_downloader_validate_sercvice_handle(service);
-        if (listed) {
-            if (service->fwConfig != NULL) {
-                free(service->fwConfig->proxy);
-                service->fwConfig->proxy = NULL;
-            } else {
-                service->fwConfig = (url_downloader_config_t*)calloc(1, sizeof(url_downloader_config_t));
-                UD_ASSERT_ALLOC(service->fwConfig);
-            }
-            UD_DEBUG("Network proxy is set by application as [%s]\n", proxy);
-            service->fwConfig->proxy = proxy;
-        }
-        _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &error);
-    }
-    if (!listed) {
-        free(proxy);
+    // Replaced under the list lock, and only while the service is
+    // registered: the engine copies the proxy under the same lock. A
+    // finalization running now is not waited for: it drops the service.
+    struct Replacement {
+        char* proxy;
+    } replacement = {strdup(config->proxy)};
+    UdPublicCall call;
+    bool replaced = call.LibraryUp() && _url_downloader_with_service(
+                                            service,
+                                            [](url_downloader_h s, void* arg) {
+                                                Replacement* r = (Replacement*)arg;
+                                                if (s->fwConfig == NULL) {
+                                                    s->fwConfig = (url_downloader_config_t*)calloc(
+                                                        1, sizeof(url_downloader_config_t));
+                                                    UD_ASSERT_ALLOC(s->fwConfig);
+                                                }
+                                                free(s->fwConfig->proxy);
+                                                UD_DEBUG_AS("url_downloader_configure_network",
+                                                            "Network proxy is set by application as [%s]\n",
+                                                            r->proxy);
+                                                s->fwConfig->proxy = r->proxy;
+                                                r->proxy = NULL;
+                                            },
+                                            &replacement);
+    if (!replaced) {
+        free(replacement.proxy);
         UD_ERROR("Invalid service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
@@ -317,20 +304,28 @@ url_downloader_error url_downloader_deregister(url_downloader_h service)
         UD_ERROR("NULL service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
-    // Silencing the callback under the list lock: delivery reads it there.
-    UdPublicCall call;
-    url_downloader_error error =
-        call.CheckService(__FUNCTION__, service, [](url_downloader_h s, void*) { s->callback = NULL; });
-    if (error != URL_DOWNLOADER_ERROR_NONE)
-        return error;
+    {
+        // Silencing the callback under the list lock: delivery reads it there.
+        UdPublicCall call;
+        url_downloader_error error =
+            call.CheckService(__FUNCTION__, service, [](url_downloader_h s, void*) { s->callback = NULL; });
+        if (error != URL_DOWNLOADER_ERROR_NONE)
+            return error;
 
-    error = _url_downloader_send_message(URL_DOWNLOADER_MSG_DEREGISTER_SERVICE, service, NULL);
-    if (error != URL_DOWNLOADER_ERROR_NONE)
-        return error;
+        uint64_t ticket = 0;
+        error = _url_downloader_send_message(URL_DOWNLOADER_MSG_DEREGISTER_SERVICE, service, NULL, &ticket);
+        if (error != URL_DOWNLOADER_ERROR_NONE)
+            return error;
 
-    UD_DEBUG("Waiting till service is deregistered by processing thread");
-    if (_url_downloader_wait_reply(&url_downloader_deregister_sem))
-        UD_DEBUG("Deregistered service");
+        UD_DEBUG("Waiting till service is deregistered by processing thread");
+        if (_url_downloader_wait_reply(&url_downloader_deregister_sem, URL_DOWNLOADER_MSG_DEREGISTER_SERVICE, ticket))
+            UD_DEBUG("Deregistered service");
+    }
+    // A callback of the service that began before the sweep may still be
+    // running on the main loop's thread; the caller may free what it uses
+    // once this returns. Outside the call's gate, so that such a callback
+    // may itself finalize.
+    _url_downloader_wait_for_deliveries(service);
     UD_END();
     return URL_DOWNLOADER_ERROR_NONE;
 }
@@ -359,7 +354,7 @@ void url_downloader_finalize(void)
     _url_downloader_store_state(URL_DOWNLOADER_STATE_DESTROYING);
     pthread_rwlock_wrlock(&public_call_gate);
 
-    url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_CLEAN_REQUEST_LIST, NULL, NULL);
+    url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_CLEAN_REQUEST_LIST, NULL, NULL, NULL);
     if (error != URL_DOWNLOADER_ERROR_NONE) {
         UD_ERROR("url_downloader_write_pipe failed with error-code as %d", (int)error);
         pthread_rwlock_unlock(&public_call_gate);
@@ -370,7 +365,7 @@ void url_downloader_finalize(void)
     UD_ERROR("Waiting for pthread_join on downloader thread to complete");
     pthread_join(processing_thread, NULL);
     drain_processing_pipe();
-    _url_downloader_forget_queued_requests();
+    _url_downloader_forget_all();
 
     sem_destroy(&url_downloader_cancel_all_sem);
     sem_destroy(&url_downloader_deregister_sem);

@@ -217,13 +217,14 @@ TestServer::TestServer(bool https) : state_(new State)
         s->daemon = MHD_start_daemon(
             flags | MHD_USE_TLS, 0, nullptr, nullptr, Answer, s, MHD_OPTION_SOCK_ADDR, &addr,
             MHD_OPTION_URI_LOG_CALLBACK, OnRequestLine, nullptr, MHD_OPTION_NOTIFY_COMPLETED, OnCompleted,
-            nullptr, MHD_OPTION_CONNECTION_TIMEOUT, 120u, MHD_OPTION_HTTPS_MEM_KEY, s->key.c_str(),
+            nullptr, MHD_OPTION_CONNECTION_TIMEOUT, 120u, MHD_OPTION_CONNECTION_LIMIT, 16000u, MHD_OPTION_HTTPS_MEM_KEY, s->key.c_str(),
             MHD_OPTION_HTTPS_MEM_CERT, s->cert.c_str(), MHD_OPTION_END);
     } else {
         s->daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, Answer, s, MHD_OPTION_SOCK_ADDR, &addr,
                                      MHD_OPTION_URI_LOG_CALLBACK, OnRequestLine, nullptr,
                                      MHD_OPTION_NOTIFY_COMPLETED, OnCompleted, nullptr,
-                                     MHD_OPTION_CONNECTION_TIMEOUT, 120u, MHD_OPTION_END);
+                                     MHD_OPTION_CONNECTION_TIMEOUT, 120u, MHD_OPTION_CONNECTION_LIMIT, 16000u,
+                                     MHD_OPTION_END);
     }
     if (s->daemon == nullptr)
         throw std::runtime_error("cannot start the test server");

@@ -1,4 +1,4 @@
-#include "url-downloader-private.h"
+#include "url-downloader-common.h"
 
 namespace {
 // Serialises the lazy initialisation of every pair: two threads whose first
@@ -8,11 +8,6 @@ pthread_mutex_t lazy_init_guard = PTHREAD_MUTEX_INITIALIZER;
 
 bool is_initialised(const bool* initialised) { return __atomic_load_n(initialised, __ATOMIC_ACQUIRE); }
 void set_initialised(bool* initialised, bool value) { __atomic_store_n(initialised, value, __ATOMIC_RELEASE); }
-
-pthread_mutex_t list_write_lock;
-bool list_write_lock_initialised;
-pthread_mutex_t pipe_write_lock;
-bool pipe_write_lock_initialised;
 
 url_downloader_error init_recursive(pthread_mutex_t* mutex, bool* initialised)
 {
@@ -105,15 +100,4 @@ bool _url_downloader_named_mutex_operation(pthread_mutex_t* mutex, bool* initial
         return false;
     }
     return true;
-}
-bool _url_downloader_list_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error)
-{
-    return _url_downloader_named_mutex_operation(&list_write_lock, &list_write_lock_initialised, __FUNCTION__, "list_write_lock",
-                                operation, error);
-}
-
-bool _url_downloader_pipe_write_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error)
-{
-    return _url_downloader_named_mutex_operation(&pipe_write_lock, &pipe_write_lock_initialised, __FUNCTION__, "pipe_write_lock",
-                                operation, error);
 }

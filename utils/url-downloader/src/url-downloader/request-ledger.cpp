@@ -1,0 +1,588 @@
+/* The request ledger.
+ *
+ * Lock map (order: list_write_lock, then curl_mutex_lock, then
+ * pipe_write_lock; a thread may take a later one while holding an earlier
+ * one, never the reverse):
+ * - list_write_lock (this file): the request list, the two indexes below and
+ *   every request and service record reached through them. Never held across
+ *   a client callback, a select() or a pipe read or write.
+ * - curl_mutex_lock (the engine): the multi handle and the active transfers.
+ *   Taken under list_write_lock when a sweep or a cancel tears a transfer
+ *   down. Never held across a pipe write: finished transfers are reported
+ *   after it is released.
+ * - pipe_write_lock (the processing pipe): one record write. Nobody holds it
+ *   while waiting for anything but that write.
+ * - delivery_lock (this file): the callbacks running right now. Taken under
+ *   list_write_lock or alone; nothing is taken under it.
+ * - The public-call gate (registration): shared by public calls and by
+ *   deliveries while they use the list, exclusive while the library is
+ *   brought up or taken down. Taken before list_write_lock.
+ *
+ * Ownership. A record is freed here and only here, once nothing refers to
+ * it any more: its entry has left the list, no download or cancel message
+ * naming it is still in the processing pipe, no transfer of it is in the
+ * engine or reporting back, and no delivery of it is queued or running. Each
+ * of these holds the record; the functions below take and drop the holds
+ * where the hand-overs happen, so no record is freed while anything may still
+ * use its address, and no address can come back for a new request while a
+ * message still names the old one.
+ *
+ * A service record is freed when its registration entry leaves the list; its
+ * memory is kept as a zeroed tombstone (a few bytes per registration), so a
+ * stale service handle can never name a later service. */
+#include "request-ledger.h"
+
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#define UD_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
+#else
+#define UD_POISON(p, n) ((void)(p), (void)(n))
+#endif
+
+#include "url-downloader-internal.h"
+
+namespace {
+
+pthread_mutex_t list_write_lock;
+bool list_write_lock_initialised;
+
+// Newest first, of url_downloader_request_entry_t*.
+GList* request_list = NULL;
+
+// What holds one request record (see the ownership rules above).
+struct Held {
+    GList* node;     // its entry in request_list; NULL once unlisted
+    bool submitted;  // its download message is in the pipe
+    int cancels;     // cancel messages naming it in the pipe
+    bool transfer;   // in the engine, or its response is on the way
+    guint delivery;  // the idle source queued for it, 0 when none
+    bool delivering; // its client callback is running
+};
+
+GHashTable* requests = NULL; // url_downloader_api_h -> Held*
+GHashTable* services = NULL; // url_downloader_h -> its registration entry's node
+GPtrArray* retired_services = NULL;
+
+// The client callbacks running now, by service and thread.
+struct Running {
+    url_downloader_h service;
+    pthread_t thread;
+};
+pthread_mutex_t delivery_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t delivery_done = PTHREAD_COND_INITIALIZER;
+GArray* running = NULL;
+
+long number(const void* handle) { return (long)(intptr_t)handle; }
+const char* printable(const char* text) { return text != NULL ? text : "(null)"; }
+
+bool list_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error)
+{
+    return _url_downloader_list_mutex_operation(operation, error);
+}
+
+// Everything below "locked" expects list_write_lock to be held.
+
+void make_indexes_locked()
+{
+    if (requests == NULL)
+        requests = g_hash_table_new_full(g_direct_hash, g_direct_equal, NULL, g_free);
+    if (services == NULL)
+        services = g_hash_table_new(g_direct_hash, g_direct_equal);
+}
+
+Held* held_locked(url_downloader_api_h api)
+{
+    return requests != NULL ? (Held*)g_hash_table_lookup(requests, api) : NULL;
+}
+
+bool registered_locked(url_downloader_h service)
+{
+    return services != NULL && g_hash_table_contains(services, service);
+}
+
+void unlink_node_locked(GList* node)
+{
+    free(node->data);
+    request_list = g_list_delete_link(request_list, node);
+}
+
+void unlist_locked(Held* held)
+{
+    if (held->node != NULL)
+        unlink_node_locked(held->node);
+    held->node = NULL;
+}
+
+void free_api(url_downloader_api_t* api)
+{
+    free(api->filePath);
+    api->filePath = NULL;
+    free(api->url);
+    api->url = NULL;
+    free(api);
+}
+
+// Frees the request when nothing holds it any more; true when it did.
+bool release_locked(url_downloader_api_h api, Held* held)
+{
+    if (held->node != NULL || held->submitted || held->cancels > 0 || held->transfer || held->delivery != 0 ||
+        held->delivering)
+        return false;
+    g_hash_table_remove(requests, api);
+    free_api(api);
+    return true;
+}
+
+void retire_service_locked(url_downloader_h service)
+{
+    free(service->appName);
+    service->appName = NULL;
+    if (service->fwConfig != NULL) {
+        free(service->fwConfig->proxy);
+        free(service->fwConfig);
+        service->fwConfig = NULL;
+    }
+    service->callback = NULL;
+    if (retired_services == NULL)
+        retired_services = g_ptr_array_new();
+    g_ptr_array_add(retired_services, service);
+    UD_POISON(service, sizeof *service);
+}
+
+// Tears the request's transfer down when it is running; true when there was
+// one. A transfer that has already finished is not found: its response is on
+// the way and keeps holding the record.
+bool cancel_transfer_locked(url_downloader_api_h api, Held* held)
+{
+    if (!held->transfer)
+        return false;
+    UrlDownloader* engine = UrlDownloader::instance;
+    if (engine != NULL && !engine->DownloaderCancelRequest(api))
+        return false;
+    held->transfer = false;
+    return true;
+}
+
+bool is_running_elsewhere(url_downloader_h service)
+{
+    pthread_t self = pthread_self();
+    for (guint i = 0; running != NULL && i < running->len; ++i) {
+        const Running& r = g_array_index(running, Running, i);
+        if (r.service == service && !pthread_equal(r.thread, self))
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+bool _url_downloader_list_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error)
+{
+    return _url_downloader_named_mutex_operation(&list_write_lock, &list_write_lock_initialised, __FUNCTION__,
+                                                 "list_write_lock", operation, error);
+}
+
+bool _url_downloader_prepend_request_list(url_downloader_h service, url_downloader_api_h api, url_downloader_error* error)
+{
+    UD_BEGIN();
+    url_downloader_request_entry_t* req_handle =
+        (url_downloader_request_entry_t*)calloc(1, sizeof(url_downloader_request_entry_t));
+    UD_ASSERT_ALLOC(req_handle);
+    req_handle->service = service;
+    req_handle->api = api;
+
+    UdScopedLock lock(list_operation);
+    if (!lock.Held()) {
+        *error = lock.Error();
+        free(req_handle);
+        return false;
+    }
+    if (api != NULL && !registered_locked(service)) {
+        *error = URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+        free(req_handle);
+        return false;
+    }
+    make_indexes_locked();
+    request_list = g_list_prepend(request_list, req_handle);
+    if (api != NULL) {
+        Held* held = g_new0(Held, 1);
+        held->node = request_list;
+        held->submitted = true; // its download message is sent next
+        g_hash_table_insert(requests, api, held);
+    } else {
+        g_hash_table_insert(services, service, request_list);
+    }
+    UD_DEBUG("New api of %ld service and %ld api handle added to the request list", number(service), number(api));
+    // A failed release leaves the entry listed and its record held, so the
+    // caller keeps it: reporting success keeps the two in step.
+    lock.Release();
+    *error = URL_DOWNLOADER_ERROR_NONE;
+    return true;
+}
+
+bool _url_downloader_validate_sercvice_handle(url_downloader_h service)
+{
+    UD_BEGIN();
+    UdScopedLock lock(list_operation);
+    if (!lock.Held()) {
+        UD_ERROR("Mutex Lock/Unlocking Error, code=[%d]\n", (int)lock.Error());
+        return false;
+    }
+    bool found = registered_locked(service);
+    if (found)
+        UD_DEBUG("Valid service %ld", number(service));
+    if (!lock.Release()) {
+        UD_ERROR("Mutex Lock/Unlocking Error, code=[%d]\n", (int)lock.Error());
+        return false;
+    }
+    UD_END();
+    return found;
+}
+
+bool _url_downloader_validate_api_handle(url_downloader_api_h api)
+{
+    UD_BEGIN();
+    if (api == NULL) {
+        UD_ERROR("NULL api-handle");
+        return false;
+    }
+    UdScopedLock lock(list_operation);
+    if (!lock.Held()) {
+        UD_ERROR("Mutex Lock/Unlocking Error, code=[%d]\n", (int)lock.Error());
+        return false;
+    }
+    Held* held = held_locked(api);
+    bool found = held != NULL && held->node != NULL;
+    if (found)
+        UD_DEBUG("Valid api handle %ld", number(api));
+    if (!lock.Release()) {
+        UD_ERROR("Mutex Lock/Unlocking Error, code=[%d]\n", (int)lock.Error());
+        return false;
+    }
+    UD_END();
+    return found;
+}
+
+url_downloader_h _url_downloader_new_service(const char* appName, url_downloader_callback_t callback, const char* proxy)
+{
+    url_downloader_service_t* temp_service = (url_downloader_service_t*)calloc(1, sizeof(url_downloader_service_t));
+    UD_ASSERT_ALLOC(temp_service);
+    if (appName != NULL)
+        temp_service->appName = strdup(appName);
+    temp_service->callback = callback;
+    if (proxy != NULL) {
+        temp_service->fwConfig = (url_downloader_config_t*)calloc(1, sizeof(url_downloader_config_t));
+        UD_ASSERT_ALLOC(temp_service->fwConfig);
+        temp_service->fwConfig->proxy = strdup(proxy);
+    }
+    return temp_service;
+}
+
+void _url_downloader_discard_service(url_downloader_h service)
+{
+    if (service == NULL)
+        return;
+    free(service->appName);
+    if (service->fwConfig != NULL) {
+        free(service->fwConfig->proxy);
+        free(service->fwConfig);
+    }
+    free(service);
+}
+
+url_downloader_api_h _url_downloader_new_request(url_downloader_h service, const char* filePath, const char* url,
+                                                 bool useCache, const void* userData)
+{
+    url_downloader_api_t* api = (url_downloader_api_t*)calloc(1, sizeof(url_downloader_api_t));
+    UD_ASSERT_ALLOC(api);
+    api->service = service;
+    api->filePath = strdup(filePath);
+    api->url = strdup(url);
+    api->useCache = useCache;
+    api->userData = userData;
+    return api;
+}
+
+void _url_downloader_discard_request(url_downloader_api_h api)
+{
+    if (api != NULL)
+        free_api(api);
+}
+
+bool _url_downloader_with_service(url_downloader_h service, void (*apply)(url_downloader_h, void*), void* arg)
+{
+    UdScopedLock lock(list_operation);
+    if (!lock.Held() || !registered_locked(service))
+        return false;
+    if (apply != NULL)
+        apply(service, arg);
+    return lock.Release();
+}
+
+char* _url_downloader_copy_service_proxy(url_downloader_h service)
+{
+    UdScopedLock lock(list_operation);
+    if (!lock.Held() || !registered_locked(service) || service->fwConfig == NULL || service->fwConfig->proxy == NULL)
+        return NULL;
+    return strdup(service->fwConfig->proxy);
+}
+
+void _url_downloader_withdraw_request(url_downloader_api_h api)
+{
+    UdScopedLock lock(list_operation);
+    Held* held = lock.Held() ? held_locked(api) : NULL;
+    if (held == NULL)
+        return;
+    unlist_locked(held);
+    held->submitted = false;
+    release_locked(api, held);
+}
+
+bool _url_downloader_pin_for_cancel(url_downloader_api_h api)
+{
+    UdScopedLock lock(list_operation);
+    Held* held = lock.Held() && api != NULL ? held_locked(api) : NULL;
+    if (held == NULL || held->node == NULL)
+        return false;
+    held->cancels++;
+    return true;
+}
+
+void _url_downloader_unpin_cancel(url_downloader_api_h api)
+{
+    UdScopedLock lock(list_operation);
+    Held* held = lock.Held() ? held_locked(api) : NULL;
+    if (held == NULL || held->cancels == 0)
+        return;
+    held->cancels--;
+    release_locked(api, held);
+}
+
+void _url_downloader_wait_for_deliveries(url_downloader_h service)
+{
+    pthread_mutex_lock(&delivery_lock);
+    while (is_running_elsewhere(service))
+        pthread_cond_wait(&delivery_done, &delivery_lock);
+    pthread_mutex_unlock(&delivery_lock);
+}
+
+bool _url_downloader_claim_submitted(url_downloader_api_h api)
+{
+    UdScopedLock lock(list_operation);
+    Held* held = lock.Held() ? held_locked(api) : NULL;
+    if (held == NULL)
+        return false;
+    held->submitted = false;
+    if (held->node != NULL)
+        return true;
+    release_locked(api, held); // swept before its message came
+    return false;
+}
+
+bool _url_downloader_start_transfer(url_downloader_api_h api)
+{
+    UrlDownloader* engine = UrlDownloader::instance;
+    // Without the list lock: setting up a transfer takes time, and only this
+    // thread sweeps, so the request cannot go meanwhile.
+    bool added = engine != NULL && engine->DownloaderCreateEasyHandle(api);
+    // A transfer can be in the engine although set-up reported a failure
+    // (a lock that would not be released): it reports back all the same.
+    if (!added && api->transferActive == 0)
+        return false;
+    UdScopedLock lock(list_operation);
+    Held* held = lock.Held() ? held_locked(api) : NULL;
+    if (held != NULL)
+        held->transfer = true;
+    return added;
+}
+
+bool _url_downloader_claim_response(url_downloader_api_h api)
+{
+    UdScopedLock lock(list_operation);
+    Held* held = lock.Held() ? held_locked(api) : NULL;
+    if (held == NULL)
+        return false;
+    held->transfer = false;
+    if (held->node != NULL)
+        return true;
+    release_locked(api, held); // swept after its transfer had finished
+    return false;
+}
+
+bool _url_downloader_cancel_running(url_downloader_api_h api)
+{
+    UdScopedLock lock(list_operation);
+    Held* held = lock.Held() && api != NULL ? held_locked(api) : NULL;
+    if (held == NULL)
+        return false;
+    if (held->cancels > 0)
+        held->cancels--;
+    if (held->node != NULL && cancel_transfer_locked(api, held))
+        return true;
+    release_locked(api, held);
+    return false;
+}
+
+void _url_downloader_sweep(url_downloader_h service, bool withRegistration, bool allServices,
+                           url_downloader_error* error)
+{
+    const char* func = "_url_downloader_execute_cancel_all_request";
+    UdScopedLock lock(list_operation);
+    if (!lock.Held()) {
+        *error = lock.Error();
+        return;
+    }
+    GList* node = request_list;
+    while (node != NULL) {
+        GList* next = node->next;
+        url_downloader_request_entry_t* entry = (url_downloader_request_entry_t*)node->data;
+        if ((!allServices && entry->service != service) || (entry->api == NULL && !withRegistration)) {
+            node = next;
+            continue;
+        }
+        if (entry->api == NULL) {
+            url_downloader_h gone = entry->service;
+            UD_DEBUG_AS(func, "Service registration entry for %s app removed from list", printable(gone->appName));
+            g_hash_table_remove(services, gone);
+            unlink_node_locked(node);
+            retire_service_locked(gone);
+        } else {
+            url_downloader_api_h api = entry->api;
+            Held* held = held_locked(api);
+            if (held == NULL) { // cannot happen: every request entry is held
+                unlink_node_locked(node);
+            } else {
+                unlist_locked(held);
+                cancel_transfer_locked(api, held);
+                if (release_locked(api, held))
+                    UD_DEBUG_AS(func, "Freeing api-handle %ld", number(api));
+            }
+        }
+        node = next;
+    }
+    UD_DEBUG_AS(func, "List count is %d", (int)g_list_length(request_list));
+    if (!lock.Release())
+        *error = lock.Error();
+}
+
+void _url_downloader_queue_delivery(url_downloader_api_h api, GSourceFunc deliver)
+{
+    // Queued and recorded in one locked section: the delivery takes the lock
+    // first, so it always finds itself recorded, and the lock publishes the
+    // request's outcome to the main-loop thread.
+    UdScopedLock lock(list_operation);
+    if (api != NULL)
+        api->transferActive = 0;
+    guint id = g_idle_add(deliver, api);
+    Held* held = lock.Held() && api != NULL ? held_locked(api) : NULL;
+    if (held != NULL)
+        held->delivery = id;
+}
+
+bool _url_downloader_begin_delivery(url_downloader_api_h api, url_downloader_delivery_t* out)
+{
+    const char* func = "_url_downloader_idle_callback";
+    UdScopedLock lock(list_operation);
+    if (!lock.Held())
+        return false;
+    // Only the source that was queued for this record may deliver it: a
+    // source left over from before a finalization may meet a new record at
+    // the same address.
+    GSource* current = g_main_current_source();
+    guint id = current != NULL ? g_source_get_id(current) : 0;
+    Held* held = held_locked(api);
+    if (held == NULL || held->delivery == 0 || (id != 0 && held->delivery != id)) {
+        UD_ERROR_AS(func, "Entry not found in the global list, so returning");
+        return false;
+    }
+    held->delivery = 0;
+    if (held->node == NULL) { // swept while it waited: no callback
+        UD_ERROR_AS(func, "Entry not found in the global list, so returning");
+        release_locked(api, held);
+        return false;
+    }
+    UD_DEBUG_AS(func, "Valid api handle");
+    url_downloader_callback_t callback = api->service != NULL ? api->service->callback : NULL;
+    if (callback == NULL) {
+        unlist_locked(held);
+        release_locked(api, held);
+        return false;
+    }
+    held->delivering = true;
+    *out = {callback, api->service, api->filePath, (void*)api->userData, api->error};
+    pthread_mutex_lock(&delivery_lock);
+    if (running == NULL)
+        running = g_array_new(FALSE, FALSE, sizeof(Running));
+    Running self = {api->service, pthread_self()};
+    g_array_append_val(running, self);
+    pthread_mutex_unlock(&delivery_lock);
+    return true;
+}
+
+void _url_downloader_end_delivery(url_downloader_api_h api, url_downloader_h service)
+{
+    {
+        UdScopedLock lock(list_operation);
+        Held* held = lock.Held() ? held_locked(api) : NULL;
+        if (held != NULL) {
+            unlist_locked(held);
+            UD_DEBUG_AS("_url_downloader_idle_callback",
+                        "Request removed from the list for api-handle %ld, remaining list count is %d", number(api),
+                        (int)g_list_length(request_list));
+            held->delivering = false;
+            release_locked(api, held);
+        }
+    }
+    pthread_mutex_lock(&delivery_lock);
+    pthread_t self = pthread_self();
+    for (guint i = running->len; i-- > 0;) {
+        const Running& r = g_array_index(running, Running, i);
+        if (r.service == service && pthread_equal(r.thread, self)) {
+            g_array_remove_index_fast(running, i);
+            break;
+        }
+    }
+    pthread_cond_broadcast(&delivery_done);
+    pthread_mutex_unlock(&delivery_lock);
+}
+
+void _url_downloader_forget_all(void)
+{
+    UdScopedLock lock(list_operation);
+    if (requests != NULL) {
+        GHashTableIter it;
+        gpointer key, value;
+        g_hash_table_iter_init(&it, requests);
+        while (g_hash_table_iter_next(&it, &key, &value)) {
+            Held* held = (Held*)value;
+            if (held->delivery != 0) {
+                GSource* source = g_main_context_find_source_by_id(NULL, held->delivery);
+                if (source != NULL)
+                    g_source_destroy(source);
+            }
+            held->node = NULL;
+            held->submitted = false;
+            held->cancels = 0;
+            held->transfer = false;
+            held->delivery = 0;
+            if (!held->delivering) { // a running callback's delivery frees its own
+                free_api((url_downloader_api_t*)key);
+                g_hash_table_iter_remove(&it);
+            }
+        }
+    }
+    for (GList* node = request_list; node != NULL; node = node->next) {
+        url_downloader_request_entry_t* entry = (url_downloader_request_entry_t*)node->data;
+        if (entry->api == NULL)
+            retire_service_locked(entry->service);
+        free(entry);
+    }
+    g_list_free(request_list);
+    request_list = NULL;
+    if (services != NULL)
+        g_hash_table_remove_all(services);
+}

@@ -1,0 +1,100 @@
+/* The request ledger: the one owner of the request list and of every service
+ * and request record from registration or submission until it is freed.
+ * Other files ask it to add, hand over, sweep and forget; none of them
+ * touches list links or frees a record. See request-ledger.cpp for the lock
+ * map and the ownership rules. */
+#ifndef URL_DOWNLOADER_REQUEST_LEDGER_H
+#define URL_DOWNLOADER_REQUEST_LEDGER_H
+
+#include <glib.h>
+
+#include "url-downloader-private.h"
+
+/* ---- the request list's own operations ---- */
+
+/* Adds an entry: a registration entry when api is NULL, else a request entry,
+ * which is refused with 1 unless the service is registered at that moment
+ * (checked and added in one locked section, so that a deregistration cannot
+ * come in between). A request entry starts owned by its download message. */
+bool _url_downloader_prepend_request_list(url_downloader_h service, url_downloader_api_h api, url_downloader_error* error);
+bool _url_downloader_validate_sercvice_handle(url_downloader_h service);
+bool _url_downloader_validate_api_handle(url_downloader_api_h api);
+bool _url_downloader_list_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error);
+
+/* ---- client threads ---- */
+
+/* Makes a new service record (copies of the name and proxy). */
+url_downloader_h _url_downloader_new_service(const char* appName, url_downloader_callback_t callback, const char* proxy);
+/* Frees a service record that never got into the list. */
+void _url_downloader_discard_service(url_downloader_h service);
+/* Makes a new request record (copies of path and URL). */
+url_downloader_api_h _url_downloader_new_request(url_downloader_h service, const char* filePath, const char* url,
+                                                 bool useCache, const void* userData);
+/* Frees a request record that never got into the list. */
+void _url_downloader_discard_request(url_downloader_api_h api);
+/* Runs apply(service, arg) under the list lock while the service is
+ * registered; false (and nothing run) when it is not or the lock failed. */
+bool _url_downloader_with_service(url_downloader_h service, void (*apply)(url_downloader_h, void*), void* arg);
+/* The download message of a listed request could not be written: takes the
+ * request back and frees it. */
+void _url_downloader_withdraw_request(url_downloader_api_h api);
+/* Checks that the request is listed and keeps its record alive until the
+ * cancel message naming it has been handled (or unpinned after a failed
+ * write), so that its address cannot be reused meanwhile. */
+bool _url_downloader_pin_for_cancel(url_downloader_api_h api);
+void _url_downloader_unpin_cancel(url_downloader_api_h api);
+/* Waits until no client callback of the service runs on another thread. */
+void _url_downloader_wait_for_deliveries(url_downloader_h service);
+
+/* ---- processing thread ---- */
+
+/* The download message of the request is being handled: true when the
+ * request is still listed (then the processing thread works on it); else the
+ * ledger has freed it if nothing else refers to it. */
+bool _url_downloader_claim_submitted(url_downloader_api_h api);
+/* Sets up the request's transfer (through the engine); the record is then
+ * also owned by the transfer until its response is handled or it is torn
+ * down. Returns the engine's answer. */
+bool _url_downloader_start_transfer(url_downloader_api_h api);
+/* The response of the request's transfer is being handled: true when the
+ * request is still listed; else freed as above. */
+bool _url_downloader_claim_response(url_downloader_api_h api);
+/* Handles a cancel message: tears the request's running transfer down and
+ * returns true when there was one (the request is then the caller's to
+ * deliver with 16). */
+bool _url_downloader_cancel_running(url_downloader_api_h api);
+/* The request sweep: drops the selected entries without callbacks. */
+void _url_downloader_sweep(url_downloader_h service, bool withRegistration, bool allServices,
+                           url_downloader_error* error);
+/* Hands the request to delivery: queues deliver(api) as an idle source on the
+ * default main context. */
+void _url_downloader_queue_delivery(url_downloader_api_h api, GSourceFunc deliver);
+
+/* ---- the client's main loop ---- */
+
+/* What a delivery hands to the client callback. */
+typedef struct url_downloader_delivery_t {
+    url_downloader_callback_t callback;
+    url_downloader_h service;
+    void* path;
+    void* userData;
+    int error;
+} url_downloader_delivery_t;
+
+/* Starts the delivery of the request queued by the running idle source: true
+ * when the callback is to be called with *out; the record then stays alive
+ * (and listed) until _url_downloader_end_delivery. False when there is
+ * nothing to call: the request was swept, is not this source's, or its
+ * service has no callback (it is then removed and freed). */
+bool _url_downloader_begin_delivery(url_downloader_api_h api, url_downloader_delivery_t* out);
+/* The callback has returned: removes the request and frees it. */
+void _url_downloader_end_delivery(url_downloader_api_h api, url_downloader_h service);
+
+/* ---- finalization ---- */
+
+/* Frees every request and service record still held (a request whose
+ * callback is running is left to its delivery) and empties the list. Called
+ * once the processing thread has ended. */
+void _url_downloader_forget_all(void);
+
+#endif

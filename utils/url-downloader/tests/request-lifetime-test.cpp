@@ -1,0 +1,313 @@
+// Request and service lifetimes under concurrency, through the public calls
+// only: client threads racing each other and the main loop, a finalization
+// meeting thousands of answers, and handles that must stay dead.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <chrono>
+#include <filesystem>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "main-loop.h"
+#include "test-env.h"
+#include "test-server.h"
+#include "url-downloader.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kScale = 2; // sanitizers are several times slower
+#else
+constexpr int kScale = 1;
+#endif
+
+using namespace ud_test;
+using namespace std::chrono_literals;
+
+namespace {
+size_t Entries(const char* dir)
+{
+    auto it = std::filesystem::directory_iterator(dir);
+    return (size_t)std::distance(it, std::filesystem::directory_iterator());
+}
+
+// Requests are numbered through their user data; every callback is counted.
+constexpr int kMax = 20000;
+std::atomic<int> g_calls[kMax];
+std::atomic<int> g_late[kMax]; // calls made after the request was dropped
+std::atomic<int> g_dropped_upto[2]; // per service: requests below were dropped
+std::atomic<int> g_total{0};
+
+bool Count(url_downloader_api_h, void*, void* user_data, int)
+{
+    int i = (int)(intptr_t)user_data;
+    ++g_calls[i];
+    ++g_total;
+    return true;
+}
+
+// Index i belongs to service i % 2; a callback for an index below the
+// service's drop mark came after the call that dropped it had returned.
+bool CountLate(url_downloader_api_h api, void* path, void* user_data, int error)
+{
+    int i = (int)(intptr_t)user_data;
+    if ((i >> 1) < g_dropped_upto[i & 1])
+        ++g_late[i];
+    return Count(api, path, user_data, error);
+}
+
+void Reset()
+{
+    for (int i = 0; i < kMax; ++i)
+        g_calls[i] = g_late[i] = 0;
+    g_dropped_upto[0] = g_dropped_upto[1] = 0;
+    g_total = 0;
+}
+
+class RequestLifetime : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        Reset();
+        server.Route("/a", {200, {}, Pattern(200, 1)});
+    }
+    void TearDown() override { url_downloader_finalize(); }
+    int Get(url_downloader_h svc, int index, url_downloader_api_h* api)
+    {
+        return url_downloader_download(svc, TempPath("r" + std::to_string(index % 64)).c_str(),
+                                       server.Url("/a").c_str(), false, (void*)(intptr_t)index, api);
+    }
+    TestServer server;
+};
+
+// A download racing the deregistration or the cancel-all of its own service
+// on another thread: a request accepted after the sweep would outlive it
+// (for deregistration: on a freed service). The racing requests are held by
+// the server until the round ends, so one left behind is still listed when
+// the round checks. A request asked for after a cancel-all returned is
+// answered once, none twice, and a deregistered service never.
+TEST_F(RequestLifetime, DownloadRacingDeregisterOrCancelAll)
+{
+    url_downloader_h watcher; // its handle checks others' request handles
+    ASSERT_EQ(0, url_downloader_register("watcher", nullptr, nullptr, &watcher));
+    const int rounds = 2000 / kScale;
+    for (bool deregister : {true, false}) {
+        Reset();
+        int index = 0;
+        std::vector<int> survivors;
+        for (int round = 0; round < rounds; ++round) {
+            server.Route("/race", {200, {}, "r", false, 0});
+            url_downloader_h svc;
+            ASSERT_EQ(0, url_downloader_register("race", Count, nullptr, &svc));
+            std::vector<std::pair<int, url_downloader_api_h>> accepted;
+            std::atomic<bool> go{false}, returned{false};
+            std::thread client([&] {
+                while (!go)
+                    std::this_thread::yield();
+                for (int k = 0; k < 4; ++k, ++index) {
+                    bool after = returned;
+                    url_downloader_api_h api = nullptr;
+                    int rc = url_downloader_download(svc, TempPath("race").c_str(), server.Url("/race").c_str(),
+                                                     false, (void*)(intptr_t)index, &api);
+                    ASSERT_TRUE(rc == 0 || (deregister && rc == 1)) << rc;
+                    if (rc == 0)
+                        accepted.emplace_back(index, api);
+                    if (rc == 0 && after)
+                        survivors.push_back(index); // asked after the cancel-all returned
+                }
+            });
+            go = true;
+            std::this_thread::sleep_for(std::chrono::microseconds(round % 20));
+            ASSERT_EQ(0, deregister ? url_downloader_deregister(svc) : url_downloader_cancel_all_requests(svc));
+            returned = true;
+            client.join();
+            for (auto& a : accepted) { // dropped, or it outlived its service
+                if (deregister) {
+                    ASSERT_EQ(URL_DOWNLOADER_ERROR_INVALID_API_HANDLE, url_downloader_cancel_request(watcher, a.second))
+                        << "round " << round << " request " << a.first;
+                }
+            }
+            if (!deregister) { // the service goes on
+                url_downloader_api_h api;
+                survivors.push_back(index);
+                ASSERT_EQ(0, url_downloader_download(svc, TempPath("race").c_str(), server.Url("/race").c_str(), false,
+                                                     (void*)(intptr_t)index++, &api));
+            }
+            server.Release("/race");
+        }
+        ASSERT_TRUE(RunMainLoopUntil(
+            [&] { return std::all_of(survivors.begin(), survivors.end(), [](int i) { return g_calls[i] > 0; }); },
+            60s));
+        RunMainLoopUntil([] { return false; }, 100ms);
+        for (int i = 0; i < index; ++i) {
+            ASSERT_LE(g_calls[i], 1) << "request " << i << " answered twice";
+        }
+        if (deregister) {
+            EXPECT_EQ(0, g_total) << "a deregistered service was called back";
+        }
+    }
+}
+
+// Two threads that meet at the same point; the main loop runs meanwhile.
+class Rendezvous {
+public:
+    void Wait()
+    {
+        int generation = generation_;
+        if (++arrived_ == 2) {
+            arrived_ = 0;
+            ++generation_;
+        }
+        while (generation_ == generation)
+            std::this_thread::yield();
+    }
+
+private:
+    std::atomic<int> arrived_{0}, generation_{0};
+};
+
+// Two client threads cancelling all requests of their own services at the
+// same moment, over and over while answers arrive: the reply semaphore is
+// shared, so the post that wakes one may be for the other's sweep. Each call
+// returns only after its own sweep (its requests' handles are dead then)
+// and after any callback of its requests that was running; no callback of
+// a dropped request comes after that.
+TEST_F(RequestLifetime, ConcurrentCancelAllsEachWaitForTheirOwnSweep)
+{
+    url_downloader_h svc[2];
+    for (auto& s : svc)
+        ASSERT_EQ(0, url_downloader_register("cancel", CountLate, nullptr, &s));
+    const int rounds = 300 / kScale, batch = 10;
+    std::atomic<int> finished{0}, alive{0};
+    Rendezvous meet;
+    std::vector<std::thread> clients;
+    for (int c = 0; c < 2; ++c)
+        clients.emplace_back([&, c] {
+            for (int round = 0; round < rounds; ++round) {
+                url_downloader_api_h api[batch];
+                for (int k = 0; k < batch; ++k)
+                    EXPECT_EQ(0, Get(svc[c], (round * batch + k) * 2 + c, &api[k]));
+                std::this_thread::sleep_for(std::chrono::microseconds(round % 7 * 300)); // answers arrive
+                meet.Wait();
+                EXPECT_EQ(0, url_downloader_cancel_all_requests(svc[c]));
+                g_dropped_upto[c] = (round + 1) * batch;
+                // No new request exists until both have looked, so a dead
+                // handle's address cannot be in use again.
+                for (auto a : api)
+                    alive += url_downloader_cancel_request(svc[c], a) != URL_DOWNLOADER_ERROR_INVALID_API_HANDLE;
+                meet.Wait();
+            }
+            ++finished;
+        });
+    EXPECT_TRUE(RunMainLoopUntil([&] { return finished == 2; }, 120s));
+    for (auto& t : clients)
+        t.join();
+    RunMainLoopUntil([] { return false; }, 200ms);
+    int late = 0;
+    for (int i = 0; i < 2 * rounds * batch; ++i) {
+        late += g_late[i];
+        ASSERT_LE(g_calls[i], 1) << "request " << i << " answered twice";
+    }
+    EXPECT_EQ(0, alive) << "requests still alive after their cancel-all returned";
+    EXPECT_EQ(0, late) << "callbacks for requests dropped by a cancel-all that had returned";
+}
+
+std::atomic<bool> g_in_callback{false}, g_callback_done{false};
+bool SlowCallback(url_downloader_api_h, void*, void*, int)
+{
+    g_in_callback = true;
+    std::this_thread::sleep_for(300ms);
+    g_callback_done = true;
+    return true;
+}
+
+// Deregistration and cancel-all made on another thread while a callback of
+// the service runs on the main loop's thread return after that callback.
+TEST_F(RequestLifetime, DroppingCallsWaitForARunningCallback)
+{
+    for (bool deregister : {true, false}) {
+        g_in_callback = g_callback_done = false;
+        url_downloader_h svc;
+        url_downloader_api_h api;
+        ASSERT_EQ(0, url_downloader_register("slow", SlowCallback, nullptr, &svc));
+        ASSERT_EQ(0, Get(svc, 0, &api));
+        auto dropping = std::async(std::launch::async, [&] {
+            while (!g_in_callback)
+                std::this_thread::sleep_for(1ms);
+            int rc = deregister ? url_downloader_deregister(svc) : url_downloader_cancel_all_requests(svc);
+            return rc == 0 && g_callback_done;
+        });
+        ASSERT_TRUE(RunMainLoopUntil([&] { return dropping.wait_for(0s) == std::future_status::ready; }, 10s));
+        EXPECT_TRUE(dropping.get()) << (deregister ? "deregister" : "cancel-all") << " returned during the callback";
+    }
+}
+
+// After a finalization, a new registration never makes an old service
+// handle valid again, although the allocator would reuse its address.
+TEST_F(RequestLifetime, StaleServiceHandleStaysDeadAfterFinalizeAndRegister)
+{
+    url_downloader_config_t config{const_cast<char*>("http://127.0.0.1:9")};
+    for (int i = 0; i < 200; ++i) {
+        url_downloader_h old_svc, new_svc[4];
+        url_downloader_api_h api;
+        ASSERT_EQ(0, url_downloader_register("old", nullptr, nullptr, &old_svc));
+        url_downloader_finalize();
+        for (auto& s : new_svc) // one of them would often get the old address
+            ASSERT_EQ(0, url_downloader_register("new", nullptr, nullptr, &s));
+        EXPECT_EQ(1, url_downloader_download(old_svc, "/p", "u", false, nullptr, &api)) << "try " << i;
+        EXPECT_EQ(1, url_downloader_configure_network(old_svc, &config));
+        EXPECT_EQ(1, url_downloader_cancel_all_requests(old_svc));
+        EXPECT_EQ(1, url_downloader_clean(old_svc));
+        EXPECT_EQ(1, url_downloader_deregister(old_svc));
+        url_downloader_finalize();
+        if (HasFailure())
+            break;
+    }
+}
+
+// Finalization while thousands of answers land at once: the transfer thread
+// may have more responses to write than the processing pipe holds, after the
+// processing thread has read its last message. Finalization returns, and the
+// threads and descriptors are back to what they were.
+TEST_F(RequestLifetime, FinalizeWhileThousandsOfAnswersLand)
+{
+    const int n = 5000 / kScale; // a processing pipe holds 2,048 messages
+    url_downloader_h svc;
+    ASSERT_EQ(0, url_downloader_register("held", Count, nullptr, &svc)); // GLib's and the library's first-use state
+    url_downloader_finalize();
+    RunMainLoopUntil([] { return false; }, 1ms);
+    const size_t threads = Entries("/proc/self/task"), fds = Entries("/proc/self/fd");
+    // Failures, so that no cache admission or sync slows the answers down.
+    server.Route("/held", {500, {}, "x", false, 0});
+    auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(0, url_downloader_register("held", Count, nullptr, &svc));
+    for (int i = 0; i < n; ++i) {
+        url_downloader_api_h api;
+        ASSERT_EQ(0, url_downloader_download(svc, TempPath("h" + std::to_string(i)).c_str(),
+                                             server.Url("/held").c_str(), false, (void*)(intptr_t)i, &api));
+    }
+    ASSERT_TRUE(server.WaitForRequests("/held", n, 120s));
+    auto held = std::chrono::steady_clock::now();
+    server.Release("/held");
+    std::this_thread::sleep_for(5ms);
+    auto finalizing = std::async(std::launch::async, url_downloader_finalize);
+    if (finalizing.wait_for(120s) != std::future_status::ready) {
+        ADD_FAILURE() << "url_downloader_finalize did not return";
+        std::_Exit(1); // the stuck threads cannot be recovered
+    }
+    auto finalized = std::chrono::steady_clock::now();
+    std::printf("%d answers held: all requests at the server after %.2f s, finalize took %.2f s\n", n,
+                std::chrono::duration<double>(held - start).count(),
+                std::chrono::duration<double>(finalized - held).count());
+    RunMainLoopUntil([] { return false; }, 50ms);
+    EXPECT_EQ(0, g_total) << "callbacks after finalization";
+    bool back = false;
+    for (int i = 0; i < 600 && !back; ++i, std::this_thread::sleep_for(50ms))
+        back = Entries("/proc/self/task") == threads && Entries("/proc/self/fd") == fds;
+    EXPECT_TRUE(back) << Entries("/proc/self/task") << " threads (was " << threads << "), "
+                      << Entries("/proc/self/fd") << " descriptors (was " << fds << ")";
+}
+} // namespace
