@@ -32,6 +32,7 @@ protected:
     void SetUp() override
     {
         ASSERT_EQ(0, pipe(url_downloader_pipe_fd));
+        _url_downloader_set_proxy_source(_url_downloader_copy_service_proxy);
         ASSERT_NE(nullptr, engine_ = UrlDownloader::CreateInstance());
     }
     void TearDown() override

@@ -8,6 +8,8 @@
 namespace {
 const char* const kUserAgent = "Korvane User Agent";
 
+url_downloader_proxy_source_t proxy_source = NULL;
+
 // Closes the file and frees the record with its path copy; the easy handle
 // must already be gone or be released by the caller.
 void free_record(url_downloader_curl_pvt_data* data)
@@ -29,6 +31,11 @@ CURLM* current_multi_handle()
 
 } // namespace
 
+void _url_downloader_set_proxy_source(url_downloader_proxy_source_t source)
+{
+    __atomic_store_n(&proxy_source, source, __ATOMIC_RELEASE);
+}
+
 bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
 {
     UD_BEGIN();
@@ -49,7 +56,8 @@ bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
         return false;
     }
 
-    char* proxy = _url_downloader_copy_service_proxy(api->service);
+    url_downloader_proxy_source_t source = __atomic_load_n(&proxy_source, __ATOMIC_ACQUIRE);
+    char* proxy = source != NULL ? source(api->service) : NULL;
     if (proxy != NULL) {
         UD_DEBUG("Using proxy [%s]\n", proxy);
         curl_easy_setopt(easy, CURLOPT_PROXY, proxy); // libcurl keeps its own copy

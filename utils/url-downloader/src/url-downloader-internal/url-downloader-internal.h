@@ -10,11 +10,12 @@
 
 #include "url-downloader-common.h"
 
-/* What the engine needs of the request side: a copy of the service's proxy
- * (the caller frees it), or NULL when it has none or is no longer
- * registered. Read under the request side's own lock, since a client may
- * replace it at any time. */
-char* _url_downloader_copy_service_proxy(url_downloader_h service);
+/* Where the engine gets the proxy of a request's service when it sets up a
+ * transfer: a copy that the engine frees, or NULL for none. The request side
+ * owns the service records and the lock that guards them, so it provides
+ * this; until it does, transfers use no proxy. */
+typedef char* (*url_downloader_proxy_source_t)(url_downloader_h service);
+void _url_downloader_set_proxy_source(url_downloader_proxy_source_t source);
 
 /* Values of the 4-byte messages of the download pipe. */
 #define URL_DOWNLOADER_CURL_MSG_CLEANUP 0

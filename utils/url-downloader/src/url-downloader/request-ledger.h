@@ -43,6 +43,8 @@ void _url_downloader_withdraw_request(url_downloader_api_h api);
  * write), so that its address cannot be reused meanwhile. */
 bool _url_downloader_pin_for_cancel(url_downloader_api_h api);
 void _url_downloader_unpin_cancel(url_downloader_api_h api);
+/* Copy of the service's proxy (free it), or NULL; the engine's proxy source. */
+char* _url_downloader_copy_service_proxy(url_downloader_h service);
 /* Waits until no client callback of the service runs on another thread. */
 void _url_downloader_wait_for_deliveries(url_downloader_h service);
 

@@ -203,6 +203,7 @@ url_downloader_error url_downloader_register(const char* appName, url_downloader
         }
     }
 
+    _url_downloader_set_proxy_source(_url_downloader_copy_service_proxy);
     if (UrlDownloader::CreateInstance() == NULL) {
         pthread_mutex_unlock(&lifecycle_lock);
         return URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED;
