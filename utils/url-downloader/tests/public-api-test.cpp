@@ -159,7 +159,7 @@ TEST_F(PublicApi, CancelAllDropsRequestsWithoutCallbacksAndTheServiceGoesOn)
     EXPECT_EQ(Pattern(3000, 4), ReadFile(TempPath("fresh")));
 }
 
-std::atomic<int> g_deregistered{-1};
+std::atomic<int> g_deregistered{-1}, g_cancelled_inside{-1};
 url_downloader_h g_self;
 
 TEST_F(PublicApi, DeregisterDropsTransfersInFlightAndWorksFromInsideTheCallback)
@@ -170,7 +170,9 @@ TEST_F(PublicApi, DeregisterDropsTransfersInFlightAndWorksFromInsideTheCallback)
     url_downloader_api_h api;
     EXPECT_EQ(1, url_downloader_download(svc, "/p", "u", false, nullptr, &api));
 
-    auto deregister_self = [](url_downloader_api_h, void*, void*, int) {
+    auto deregister_self = [](url_downloader_api_h request, void*, void*, int) {
+        // The handle is still valid here; the cancel comes too late to matter.
+        g_cancelled_inside = url_downloader_cancel_request(g_self, request);
         g_deregistered = url_downloader_deregister(g_self);
         return true;
     };
@@ -179,6 +181,7 @@ TEST_F(PublicApi, DeregisterDropsTransfersInFlightAndWorksFromInsideTheCallback)
     Get("/slow", "y", false, g_self);
     ASSERT_TRUE(RunMainLoopUntil([] { return g_deregistered != -1; }, 10s));
     EXPECT_EQ(0, g_deregistered);
+    EXPECT_EQ(0, g_cancelled_inside);
     EXPECT_EQ(1, url_downloader_cancel_all_requests(g_self));
     EXPECT_EQ(0u, Deliveries::Count());
 }

@@ -245,19 +245,25 @@ TEST_F(RequestLifetime, DroppingCallsWaitForARunningCallback)
     }
 }
 
-// After a finalization, a new registration never makes an old service
-// handle valid again, although the allocator would reuse its address.
-TEST_F(RequestLifetime, StaleServiceHandleStaysDeadAfterFinalizeAndRegister)
+// A service handle that died (by deregistration or finalization) is never
+// valid again, although the allocator would give its address to a later
+// registration.
+TEST_F(RequestLifetime, StaleServiceHandleStaysDead)
 {
     url_downloader_config_t config{const_cast<char*>("http://127.0.0.1:9")};
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 400; ++i) {
+        const bool finalize = i % 2 == 0;
         url_downloader_h old_svc, new_svc[4];
         url_downloader_api_h api;
         ASSERT_EQ(0, url_downloader_register("old", nullptr, nullptr, &old_svc));
-        url_downloader_finalize();
+        if (finalize)
+            url_downloader_finalize();
+        else
+            ASSERT_EQ(0, url_downloader_deregister(old_svc));
         for (auto& s : new_svc) // one of them would often get the old address
             ASSERT_EQ(0, url_downloader_register("new", nullptr, nullptr, &s));
-        EXPECT_EQ(1, url_downloader_download(old_svc, "/p", "u", false, nullptr, &api)) << "try " << i;
+        EXPECT_EQ(1, url_downloader_download(old_svc, "/p", "u", false, nullptr, &api))
+            << "try " << i << (finalize ? " after finalize" : " after deregister");
         EXPECT_EQ(1, url_downloader_configure_network(old_svc, &config));
         EXPECT_EQ(1, url_downloader_cancel_all_requests(old_svc));
         EXPECT_EQ(1, url_downloader_clean(old_svc));
