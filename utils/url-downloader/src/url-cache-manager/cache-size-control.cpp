@@ -16,21 +16,20 @@ long URLCacheManager::getUrlCacheSize()
     }
     UD_DEBUG("Query to be executed:[%s] \n", query);
 
-    sqlite3_stmt* stmt = NULL;
-    if (!url_cache_db_lock_and_prepare(__FUNCTION__, query, &stmt))
-        return -1;
     long size;
-    if (sqlite3_step(stmt) == SQLITE_ROW) {
-        /* The sum over an empty table is NULL, which reads as 0. */
-        size = url_cache_db_column_long(stmt, 0);
-        UD_DEBUG("Current cache size is:[%ld]", size);
-    } else {
-        size = -1;
-        UD_ERROR("sqlite3_step api failed");
+    {
+        CacheDbSession session;
+        if (!session.Prepare(__FUNCTION__, query))
+            return -1;
+        if (sqlite3_step(session.Statement()) == SQLITE_ROW) {
+            /* The sum over an empty table is NULL, which reads as 0. */
+            size = url_cache_db_column_long(session.Statement(), 0);
+            UD_DEBUG("Current cache size is:[%ld]", size);
+        } else {
+            size = -1;
+            UD_ERROR("sqlite3_step api failed");
+        }
     }
-    sqlite3_free(query);
-    sqlite3_finalize(stmt);
-    pthread_mutex_unlock(&cache_db_lock);
     UD_END();
     return size;
 }
@@ -48,11 +47,12 @@ long URLCacheManager::cleanUrlCache()
     }
     UD_DEBUG("Query to be executed:[%s]", query);
 
-    sqlite3_stmt* stmt = NULL;
-    if (!url_cache_db_lock_and_prepare(__FUNCTION__, query, &stmt)) {
+    CacheDbSession session;
+    if (!session.Prepare(__FUNCTION__, query)) {
         delete scratch;
         return -1;
     }
+    sqlite3_stmt* stmt = session.Statement();
     int ret;
 
     bool ok = true;
@@ -105,8 +105,7 @@ long URLCacheManager::cleanUrlCache()
         }
     }
 
-    sqlite3_free(query);
-    sqlite3_finalize(stmt);
+    sqlite3_reset(stmt); /* the selection ends before the transaction does */
     if (in_transaction) {
         /* Committed on failure too: rows already deleted stay deleted. */
         ret = url_cache_db_exec("COMMIT", &errmsg);
@@ -119,7 +118,6 @@ long URLCacheManager::cleanUrlCache()
         }
     }
     delete scratch;
-    pthread_mutex_unlock(&cache_db_lock);
 
     if (!ok) {
         UD_ERROR("Cache could not be cleaned");

@@ -18,10 +18,30 @@ int url_cache_db_exec(const char* sql, char** errmsg);
 /* Compiles sql into *stmt; cache_db_lock must be held. */
 int url_cache_db_prepare(const char* sql, sqlite3_stmt** stmt);
 
-/* Takes cache_db_lock and compiles query into *stmt. On failure it logs the
- * failure under func, frees query, releases the lock and returns false; on
- * success the lock stays held. */
-bool url_cache_db_lock_and_prepare(const char* func, char* query, sqlite3_stmt** stmt);
+/* Holds cache_db_lock for its scope, and with it at most one compiled
+ * statement and its query text, both freed when the scope ends, on every
+ * path. */
+class CacheDbSession {
+public:
+    CacheDbSession() { pthread_mutex_lock(&cache_db_lock); }
+    ~CacheDbSession()
+    {
+        sqlite3_finalize(stmt_);
+        sqlite3_free(query_);
+        pthread_mutex_unlock(&cache_db_lock);
+    }
+    CacheDbSession(const CacheDbSession&) = delete;
+    CacheDbSession& operator=(const CacheDbSession&) = delete;
+
+    /* Compiles query, which the session takes over. On failure logs it
+     * under func and returns false. */
+    bool Prepare(const char* func, char* query);
+    sqlite3_stmt* Statement() const { return stmt_; }
+
+private:
+    char* query_ = nullptr;
+    sqlite3_stmt* stmt_ = nullptr;
+};
 
 /* Reads an INTEGER column into a long, whatever width long has here. */
 long url_cache_db_column_long(sqlite3_stmt* stmt, int column);

@@ -42,17 +42,13 @@ int url_cache_db_prepare(const char* sql, sqlite3_stmt** stmt)
     return sqlite3_prepare(cache_db_handle, sql, (int)strlen(sql), stmt, NULL);
 }
 
-bool url_cache_db_lock_and_prepare(const char* func, char* query, sqlite3_stmt** stmt)
+bool CacheDbSession::Prepare(const char* func, char* query)
 {
-    pthread_mutex_lock(&cache_db_lock);
-    int ret = url_cache_db_prepare(query, stmt);
-    if (ret == SQLITE_OK && *stmt != NULL)
+    query_ = query;
+    int ret = url_cache_db_prepare(query, &stmt_);
+    if (ret == SQLITE_OK && stmt_ != NULL)
         return true;
     UD_ERROR_AS(func, "sqlite3_prepare returned error[%d], so returning", ret);
-    sqlite3_free(query);
-    sqlite3_finalize(*stmt);
-    *stmt = NULL;
-    pthread_mutex_unlock(&cache_db_lock);
     return false;
 }
 
@@ -87,7 +83,7 @@ bool execute_modification(const char* func, char* query, bool log_failed_query)
     }
     UD_DEBUG_AS(func, "Query to be executed:[%s] \n", query);
 
-    pthread_mutex_lock(&cache_db_lock);
+    CacheDbSession session;
     char* errmsg = NULL;
     int ret = url_cache_db_exec(query, &errmsg);
     if (ret != SQLITE_OK) {
@@ -96,11 +92,9 @@ bool execute_modification(const char* func, char* query, bool log_failed_query)
         UD_ERROR_AS(func, "SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
         sqlite3_free(query);
         sqlite3_free(errmsg);
-        pthread_mutex_unlock(&cache_db_lock);
         return false;
     }
     sqlite3_free(query);
-    pthread_mutex_unlock(&cache_db_lock);
     UD_DEBUG_AS(func, "End.<<<<<<<<<<");
     return true;
 }
@@ -116,17 +110,15 @@ UrlCache* read_one_row(const char* func, UrlCache* record, char* query)
     }
     UD_DEBUG_AS(func, "Query to be executed:[%s]", query);
 
-    sqlite3_stmt* stmt = NULL;
-    if (!url_cache_db_lock_and_prepare(func, query, &stmt)) {
+    CacheDbSession session;
+    if (!session.Prepare(func, query)) {
         delete record;
         return NULL;
     }
+    sqlite3_stmt* stmt = session.Statement();
     if (sqlite3_step(stmt) != SQLITE_ROW) {
         /* A miss is not an error. */
-        sqlite3_free(query);
-        sqlite3_finalize(stmt);
         delete record;
-        pthread_mutex_unlock(&cache_db_lock);
         UD_DEBUG_AS(func, "End.<<<<<<<<<<");
         return NULL;
     }
@@ -137,10 +129,7 @@ UrlCache* read_one_row(const char* func, UrlCache* record, char* query)
     record->downloadtime = url_cache_db_column_long(stmt, 4);
     record->expirytime = url_cache_db_column_long(stmt, 5);
     record->appname = column_text_copy(stmt, 6);
-    sqlite3_free(query);
-    sqlite3_finalize(stmt);
     UD_DEBUG_AS(func, "End.<<<<<<<<<<");
-    pthread_mutex_unlock(&cache_db_lock);
     return record;
 }
 
@@ -149,10 +138,9 @@ UrlCache* read_one_row(const char* func, UrlCache* record, char* query)
 URLCacheManager::URLCacheManager()
 {
     UD_BEGIN();
-    pthread_mutex_lock(&cache_db_lock);
+    CacheDbSession session;
     if (cache_db_handle != NULL) {
         UD_ERROR("DB Already Opened, so Return");
-        pthread_mutex_unlock(&cache_db_lock);
         return;
     }
 
@@ -170,7 +158,6 @@ URLCacheManager::URLCacheManager()
     }
     if (ret != 0) {
         UD_ERROR("DBConnect failed with:%d", ret);
-        pthread_mutex_unlock(&cache_db_lock);
         return;
     }
     cache_db_handle = handle;
@@ -184,10 +171,8 @@ URLCacheManager::URLCacheManager()
         UD_DEBUG("Query: [%s]", query);
         UD_ERROR("SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
         sqlite3_free(errmsg);
-        pthread_mutex_unlock(&cache_db_lock);
         return;
     }
-    pthread_mutex_unlock(&cache_db_lock);
     UD_END();
 }
 

@@ -3,6 +3,9 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <condition_variable>
+#include <mutex>
+
 #include "url-downloader-private.h"
 
 int url_downloader_pipe_fd[2] = {-1, -1};
@@ -20,8 +23,8 @@ bool pipe_write_lock_initialised;
 // out before the clean-up message, since finalization waits for the callers.
 uint64_t replies_written[2];
 uint64_t replies_done[2];
-pthread_mutex_t reply_lock = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t reply_done = PTHREAD_COND_INITIALIZER;
+std::mutex reply_lock;
+std::condition_variable reply_done;
 
 int reply_slot(int32_t type)
 {
@@ -62,9 +65,8 @@ void write_pipe(const url_downloader_message_t* message, url_downloader_error* e
         UD_DEBUG_AS("url_downloader_write_pipe", "Writing to pipe done, bytes=[%d]\n", (int)bytes);
         int slot = reply_slot(message->type);
         if (slot >= 0) { // counted whoever writes it, or the tickets drift
-            pthread_mutex_lock(&reply_lock);
+            std::lock_guard<std::mutex> guard(reply_lock);
             uint64_t number = ++replies_written[slot];
-            pthread_mutex_unlock(&reply_lock);
             if (ticket != NULL)
                 *ticket = number;
         }
@@ -88,10 +90,9 @@ void _url_downloader_post_reply(int32_t type, sem_t* reply)
 {
     int slot = reply_slot(type);
     if (slot >= 0) {
-        pthread_mutex_lock(&reply_lock);
+        std::lock_guard<std::mutex> guard(reply_lock);
         replies_done[slot]++;
-        pthread_cond_broadcast(&reply_done);
-        pthread_mutex_unlock(&reply_lock);
+        reply_done.notify_all();
     }
     sem_post(reply);
 }
@@ -103,10 +104,8 @@ bool _url_downloader_wait_reply(sem_t* reply, int32_t type, uint64_t ticket)
     }
     int slot = reply_slot(type);
     if (slot >= 0) {
-        pthread_mutex_lock(&reply_lock);
-        while (replies_done[slot] < ticket)
-            pthread_cond_wait(&reply_done, &reply_lock);
-        pthread_mutex_unlock(&reply_lock);
+        std::unique_lock<std::mutex> guard(reply_lock);
+        reply_done.wait(guard, [slot, ticket] { return replies_done[slot] >= ticket; });
     }
     return waited == 0;
 }

@@ -36,6 +36,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <condition_variable>
+#include <mutex>
+
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
 #define UD_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
@@ -72,8 +75,8 @@ struct Running {
     url_downloader_h service;
     pthread_t thread;
 };
-pthread_mutex_t delivery_lock = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t delivery_done = PTHREAD_COND_INITIALIZER;
+std::mutex delivery_lock;
+std::condition_variable delivery_done;
 GArray* running = NULL;
 
 long number(const void* handle) { return (long)(intptr_t)handle; }
@@ -364,10 +367,8 @@ void _url_downloader_unpin_cancel(url_downloader_api_h api)
 
 void _url_downloader_wait_for_deliveries(url_downloader_h service)
 {
-    pthread_mutex_lock(&delivery_lock);
-    while (is_running_elsewhere(service))
-        pthread_cond_wait(&delivery_done, &delivery_lock);
-    pthread_mutex_unlock(&delivery_lock);
+    std::unique_lock<std::mutex> guard(delivery_lock);
+    delivery_done.wait(guard, [service] { return !is_running_elsewhere(service); });
 }
 
 bool _url_downloader_claim_submitted(url_downloader_api_h api)
@@ -514,12 +515,11 @@ bool _url_downloader_begin_delivery(url_downloader_api_h api, url_downloader_del
     }
     held->delivering = true;
     *out = {callback, api->service, api->filePath, (void*)api->userData, api->error};
-    pthread_mutex_lock(&delivery_lock);
+    std::lock_guard<std::mutex> guard(delivery_lock);
     if (running == NULL)
         running = g_array_new(FALSE, FALSE, sizeof(Running));
     Running self = {api->service, pthread_self()};
     g_array_append_val(running, self);
-    pthread_mutex_unlock(&delivery_lock);
     return true;
 }
 
@@ -537,7 +537,7 @@ void _url_downloader_end_delivery(url_downloader_api_h api, url_downloader_h ser
             release_locked(api, held);
         }
     }
-    pthread_mutex_lock(&delivery_lock);
+    std::lock_guard<std::mutex> guard(delivery_lock);
     pthread_t self = pthread_self();
     for (guint i = running->len; i-- > 0;) {
         const Running& r = g_array_index(running, Running, i);
@@ -546,8 +546,7 @@ void _url_downloader_end_delivery(url_downloader_api_h api, url_downloader_h ser
             break;
         }
     }
-    pthread_cond_broadcast(&delivery_done);
-    pthread_mutex_unlock(&delivery_lock);
+    delivery_done.notify_all();
 }
 
 void _url_downloader_forget_all(void)

@@ -5,6 +5,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <mutex>
+
 #include "library-lifecycle.h"
 #include "request-ledger.h"
 #include "url-cache-manager.h"
@@ -16,7 +18,7 @@ namespace {
 // Serialises registrations with each other and with finalization: racing
 // first registrations must bring the library up once, and no registration may
 // slip in while finalization takes the library down.
-pthread_mutex_t lifecycle_lock = PTHREAD_MUTEX_INITIALIZER;
+std::mutex lifecycle_lock;
 
 // Whether the semaphores, locks, pipe and processing thread exist. The state
 // word cannot tell: it says started only once the processing thread runs.
@@ -28,6 +30,15 @@ pthread_t processing_thread;
 // Shared by public calls while they use library state, exclusive while the
 // library is brought up or taken down. Never destroyed.
 pthread_rwlock_t public_call_gate = PTHREAD_RWLOCK_INITIALIZER;
+
+// Holds the gate exclusively for its scope.
+class GateClosed {
+public:
+    GateClosed() { pthread_rwlock_wrlock(&public_call_gate); }
+    ~GateClosed() { pthread_rwlock_unlock(&public_call_gate); }
+    GateClosed(const GateClosed&) = delete;
+    GateClosed& operator=(const GateClosed&) = delete;
+};
 
 const char* const kDestroyingLine = "Service state is destroying(Finalized call is running)\n";
 
@@ -184,30 +195,27 @@ url_downloader_error url_downloader_register(const char* appName, url_downloader
         return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
     }
 
-    pthread_mutex_lock(&lifecycle_lock);
+    std::unique_lock<std::mutex> lifecycle(lifecycle_lock);
     if (destroying()) { // a finalization whose clean-up could not be queued
-        pthread_mutex_unlock(&lifecycle_lock);
         UD_ERROR("%s", kDestroyingLine);
         return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
     }
     if (library_up) {
         UD_DEBUG_AS("_url_downloader_init", "service already started\n");
     } else {
-        pthread_rwlock_wrlock(&public_call_gate);
-        url_downloader_error error = _url_downloader_init();
-        library_up = error == URL_DOWNLOADER_ERROR_NONE;
-        pthread_rwlock_unlock(&public_call_gate);
-        if (error != URL_DOWNLOADER_ERROR_NONE) {
-            pthread_mutex_unlock(&lifecycle_lock);
-            return error;
+        url_downloader_error error;
+        {
+            GateClosed gate;
+            error = _url_downloader_init();
+            library_up = error == URL_DOWNLOADER_ERROR_NONE;
         }
+        if (error != URL_DOWNLOADER_ERROR_NONE)
+            return error;
     }
 
     _url_downloader_set_proxy_source(_url_downloader_copy_service_proxy);
-    if (UrlDownloader::CreateInstance() == NULL) {
-        pthread_mutex_unlock(&lifecycle_lock);
+    if (UrlDownloader::CreateInstance() == NULL)
         return URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED;
-    }
 
     const char* proxy = config != NULL ? config->proxy : NULL;
     if (proxy != NULL)
@@ -216,7 +224,7 @@ url_downloader_error url_downloader_register(const char* appName, url_downloader
 
     url_downloader_error error = URL_DOWNLOADER_ERROR_NONE;
     _url_downloader_prepend_request_list(temp_service, NULL, &error);
-    pthread_mutex_unlock(&lifecycle_lock);
+    lifecycle.unlock();
     if (error != URL_DOWNLOADER_ERROR_NONE) {
         _url_downloader_discard_service(temp_service);
         UD_ERROR("Message_write failed with error-code as %d", (int)error);
@@ -338,14 +346,12 @@ void url_downloader_finalize(void)
         UD_ERROR("Service is in destroying state");
         return;
     }
-    pthread_mutex_lock(&lifecycle_lock);
+    std::lock_guard<std::mutex> lifecycle(lifecycle_lock);
     if (destroying()) {
-        pthread_mutex_unlock(&lifecycle_lock);
         UD_ERROR("Service is in destroying state");
         return;
     }
     if (!library_up) {
-        pthread_mutex_unlock(&lifecycle_lock);
         UD_ERROR("Service not started. Nothing to be done");
         return;
     }
@@ -353,13 +359,11 @@ void url_downloader_finalize(void)
     // From here public calls are refused; those already running finish
     // before the clean-up is queued, so nothing of theirs can come after it.
     _url_downloader_store_state(URL_DOWNLOADER_STATE_DESTROYING);
-    pthread_rwlock_wrlock(&public_call_gate);
+    GateClosed gate;
 
     url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_CLEAN_REQUEST_LIST, NULL, NULL, NULL);
     if (error != URL_DOWNLOADER_ERROR_NONE) {
         UD_ERROR("url_downloader_write_pipe failed with error-code as %d", (int)error);
-        pthread_rwlock_unlock(&public_call_gate);
-        pthread_mutex_unlock(&lifecycle_lock);
         return;
     }
 
@@ -375,7 +379,5 @@ void url_downloader_finalize(void)
 
     library_up = false;
     _url_downloader_store_state(URL_DOWNLOADER_STATE_NOT_STARTED);
-    pthread_rwlock_unlock(&public_call_gate);
-    pthread_mutex_unlock(&lifecycle_lock);
     UD_END();
 }
