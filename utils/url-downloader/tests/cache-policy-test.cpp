@@ -7,6 +7,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -78,17 +80,30 @@ TEST(CachePolicyTest, LookupAcceptsOnlyPresentSameLengthUnexpiredFiles)
     ASSERT_TRUE(Admit("", "", 5, later));
     ASSERT_TRUE(Admit("kept", TempPath("kept"), 5, later));
     Write("kept", "abcde"); // other contents, same length: still valid
+    // Rows any process could write: a FIFO (opening it for reading would
+    // wait for a writer) and a folder at the cached path.
+    ASSERT_EQ(0, mkfifo(TempPath("fifo").c_str(), 0600));
+    std::filesystem::create_directory(TempPath("folder"));
+    ASSERT_TRUE(Admit("fifo", TempPath("fifo"), 0, later));
+    ASSERT_TRUE(Admit("folder", TempPath("folder"), 4096, later));
     const std::string stale[][2] = {
         {"missing", "URL found in cache but the downloaded file missing in file-system"},
         {"resized", "URL found in cache but the file size mismatch. \nDB stored size is 6, and actaul size is 5"},
         {"expired", "But expired Id=[3]\n"},
         {"", "URL entry exists in DB, but filepath is NULL"},
+        {"fifo", "URL found in cache but the downloaded file missing in file-system"},
+        {"folder", "URL found in cache but the downloaded file missing in file-system"},
     };
     for (const auto& s : stale) {
         SCOPED_TRACE(s[0]);
         LogCapture log;
         url_downloader_cache c{0, S(s[0]), nullptr, 0, 0, 0, nullptr};
-        EXPECT_EQ(nullptr, url_downloader_get_cache_filepath(&c));
+        auto lookup = std::async(std::launch::async, [&c] { return url_downloader_get_cache_filepath(&c); });
+        if (lookup.wait_for(10s) != std::future_status::ready) {
+            ADD_FAILURE() << "the lookup blocked";
+            std::_Exit(1);
+        }
+        EXPECT_EQ(nullptr, lookup.get());
         EXPECT_TRUE(log.Contains(kError, "url_downloader_get_cache_filepath", s[1]));
         EXPECT_TRUE(log.Contains(kError, "url_downloader_get_cache_filepath", "Entry NOT found in cache"));
     }

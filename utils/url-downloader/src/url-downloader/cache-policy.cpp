@@ -4,6 +4,9 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -20,6 +23,22 @@ bool bounded_copy(const char* src, char** copy)
         memcpy(buffer, src, size - 1);
     *copy = buffer;
     return true;
+}
+
+/* Length of the regular file at path. Any process can write cache rows, so
+ * the path may name a FIFO, a device or a folder: it is opened without
+ * blocking and accepted only as a regular file. */
+bool regular_file_length(const char* path, long long* length)
+{
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0)
+        return false;
+    struct stat info;
+    bool regular = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    if (regular)
+        *length = (long long)info.st_size;
+    close(fd);
+    return regular;
 }
 
 } // namespace
@@ -48,17 +67,11 @@ char* url_downloader_get_cache_filepath(url_downloader_cache* cache)
     if (entry->filepath == NULL) {
         UD_ERROR("URL entry exists in DB, but filepath is NULL");
     } else {
-        FILE* file = fopen(entry->filepath, "rb");
-        bool opened = file != NULL;
-        long length = -1;
-        if (opened) {
-            if (fseek(file, 0, SEEK_END) == 0)
-                length = ftell(file);
-            fclose(file);
-        }
+        long long length = -1;
+        bool opened = regular_file_length(entry->filepath, &length);
         if (!opened) {
             UD_ERROR("URL found in cache but the downloaded file missing in file-system");
-        } else if (length != entry->filesize) {
+        } else if (length != (long long)entry->filesize) {
             UD_ERROR("URL found in cache but the file size mismatch. \nDB stored size is %d, and actaul size is %d",
                      (int)entry->filesize, (int)length);
         } else {
