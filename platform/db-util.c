@@ -1,13 +1,22 @@
 #include "db-util.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 /* How long a connection waits for another process's write lock. */
 #define DB_UTIL_BUSY_TIMEOUT_MS 10000
+
+/* Every process of the device shares the cache, whatever its user: the
+ * folders made here and the database file are open to all (the modes are set
+ * explicitly, since the process's umask would narrow them). SQLite gives the
+ * -wal and -shm files it creates the database file's mode. */
+#define DB_UTIL_DIR_MODE 0777
+#define DB_UTIL_FILE_MODE 0666
 
 /* Creates every missing folder above the file at path. */
 static int make_parent_dirs(const char* path)
@@ -19,7 +28,9 @@ static int make_parent_dirs(const char* path)
         if (*p != '/')
             continue;
         *p = '\0';
-        if (mkdir(copy, 0755) != 0 && errno != EEXIST) {
+        if (mkdir(copy, DB_UTIL_DIR_MODE) == 0) {
+            chmod(copy, DB_UTIL_DIR_MODE);
+        } else if (errno != EEXIST) {
             free(copy);
             return -1;
         }
@@ -56,6 +67,13 @@ int db_util_open(const char* path, sqlite3** handle, int option)
         return SQLITE_MISUSE;
     if (make_parent_dirs(path) != 0)
         return SQLITE_CANTOPEN;
+
+    /* Made here, not by SQLite, so that its mode is the shared one. */
+    int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, DB_UTIL_FILE_MODE);
+    if (fd >= 0) {
+        fchmod(fd, DB_UTIL_FILE_MODE);
+        close(fd);
+    }
 
     sqlite3* db = NULL;
     int rc = sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, NULL);

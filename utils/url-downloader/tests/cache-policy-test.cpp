@@ -66,7 +66,43 @@ bool AdmitFromTwoProcesses(int rows, long size)
     }
     return ok;
 }
+// Runs admit in a child process of its own, as user uid (when not -1); true
+// when it admitted its row.
+bool AdmitInChild(uid_t uid, const std::string& url)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (uid != (uid_t)-1 && (setgid(uid) != 0 || setuid(uid) != 0))
+            _exit(2);
+        _exit(Admit(url, "/f", 1, 2e9) ? 0 : 1);
+    }
+    int status = 1;
+    for (int waited = 0; pid > 0 && waitpid(pid, &status, WNOHANG) == 0; ++waited, usleep(10000))
+        if (waited == 6000) // one minute
+            kill(pid, SIGKILL);
+    return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
 } // namespace
+
+// The cache is shared by every process of the device, whatever its user: one
+// that did not create the database still admits rows into it.
+TEST(CachePolicyTest, AnotherUserSharesTheCache)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "switching to another user needs root";
+    const uid_t nobody = 65534;
+    // The test's folder stands in for the device's shared folder.
+    ASSERT_EQ(0, chmod(TempDir().c_str(), 0777));
+    CacheDbPath();
+    ASSERT_TRUE(AdmitInChild((uid_t)-1, "http://root/"));
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        struct stat info {};
+        ASSERT_EQ(0, stat((CacheDbPath() + suffix).c_str(), &info)) << suffix;
+        EXPECT_EQ(0666u, info.st_mode & 0777) << suffix;
+    }
+    EXPECT_TRUE(AdmitInChild(nobody, "http://nobody/"));
+    EXPECT_EQ(2, CountCacheRows());
+}
 
 TEST(CachePolicyTest, LookupAcceptsOnlyPresentSameLengthUnexpiredFiles)
 {
