@@ -8,8 +8,10 @@
 #include <time.h>
 #include <unistd.h>
 
-/* How long a connection waits for another process's write lock. */
-#define DB_UTIL_BUSY_TIMEOUT_MS 10000
+/* How long a connection waits for another process's lock: long enough for
+ * any healthy writer (they hold it for milliseconds), short enough that a
+ * stuck one stalls nobody for long. */
+#define DB_UTIL_BUSY_TIMEOUT_MS 2000
 
 /* Every process of the device shares the cache, whatever its user: the
  * folders made here and the database file are open to all (the modes are set
@@ -40,20 +42,32 @@ static int make_parent_dirs(const char* path)
     return 0;
 }
 
+static long long monotonic_ms(void)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (long long)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
+
 /* Runs a statement, retrying while another connection holds the lock that it
- * needs. Switching a new file to WAL needs an exclusive lock, and SQLite
- * refuses it at once instead of calling the busy handler, so two processes
- * that open the file together would otherwise fail. */
-static int exec_when_free(sqlite3* db, const char* sql)
+ * needs, until the deadline. Switching a new file to WAL needs an exclusive
+ * lock, and SQLite refuses it at once instead of calling the busy handler, so
+ * two processes that open the file together would otherwise fail. Each try's
+ * own busy wait is cut to what is left, so the whole open waits at most one
+ * busy timeout. */
+static int exec_when_free(sqlite3* db, const char* sql, long long deadline_ms)
 {
     const struct timespec pause = {0, 10 * 1000 * 1000};
     int rc = SQLITE_BUSY;
-    for (int waited_ms = 0; waited_ms <= DB_UTIL_BUSY_TIMEOUT_MS; waited_ms += 10) {
+    for (;;) {
+        long long left = deadline_ms - monotonic_ms();
+        sqlite3_busy_timeout(db, left > 0 ? (int)left : 0);
         rc = sqlite3_exec(db, sql, NULL, NULL, NULL);
-        if (rc != SQLITE_BUSY && rc != SQLITE_LOCKED)
+        if ((rc != SQLITE_BUSY && rc != SQLITE_LOCKED) || monotonic_ms() >= deadline_ms)
             break;
         nanosleep(&pause, NULL);
     }
+    sqlite3_busy_timeout(db, DB_UTIL_BUSY_TIMEOUT_MS);
     return rc;
 }
 
@@ -79,11 +93,12 @@ int db_util_open(const char* path, sqlite3** handle, int option)
     int rc = sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, NULL);
     if (rc == SQLITE_OK)
         rc = sqlite3_busy_timeout(db, DB_UTIL_BUSY_TIMEOUT_MS);
+    const long long deadline_ms = monotonic_ms() + DB_UTIL_BUSY_TIMEOUT_MS;
     /* WAL: a row costs one log append, and readers never block the writer. */
     if (rc == SQLITE_OK)
-        rc = exec_when_free(db, "PRAGMA journal_mode=WAL;");
+        rc = exec_when_free(db, "PRAGMA journal_mode=WAL;", deadline_ms);
     if (rc == SQLITE_OK)
-        rc = exec_when_free(db, "PRAGMA synchronous=NORMAL;");
+        rc = exec_when_free(db, "PRAGMA synchronous=NORMAL;", deadline_ms);
     if (rc != SQLITE_OK) {
         sqlite3_close(db);
         return rc != 0 ? rc : SQLITE_ERROR;

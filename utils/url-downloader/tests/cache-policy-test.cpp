@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <sqlite3.h>
+#include <thread>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +20,7 @@
 #include "main-loop.h"
 #include "test-db.h"
 #include "test-env.h"
+#include "test-server.h"
 
 using namespace ud_test;
 using namespace std::chrono_literals;
@@ -204,4 +207,87 @@ TEST(CachePolicyTest, TwoProcessesAdmittingAtOnceLoseNoRows)
 TEST(CachePolicyTest, TwoProcessesTrimmingAtOnceNeverFail)
 {
     EXPECT_TRUE(AdmitFromTwoProcesses(300, 3000000)); // a trim every other admission
+}
+
+namespace {
+// A connection of another process's kind that takes the cache's write lock.
+struct Peer {
+    sqlite3* db = nullptr;
+    explicit Peer(const char* begin)
+    {
+        EXPECT_EQ(SQLITE_OK, sqlite3_open(CacheDbPath().c_str(), &db));
+        sqlite3_busy_timeout(db, 5000);
+        EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, begin, nullptr, nullptr, nullptr));
+    }
+    ~Peer()
+    {
+        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+        sqlite3_close(db);
+    }
+};
+
+// Downloads path n times with the cache and waits (bounded) for the callbacks.
+bool DownloadAll(url_downloader_h svc, const TestServer& server, const std::vector<std::string>& paths,
+                 std::chrono::seconds bound, bool use_cache = true)
+{
+    size_t before = Deliveries::Count();
+    for (const std::string& p : paths) {
+        url_downloader_api_h api;
+        if (url_downloader_download(svc, TempPath(p.substr(1)).c_str(), server.Url(p).c_str(), use_cache, nullptr,
+                                    &api) != 0)
+            return false;
+    }
+    return Deliveries::WaitFor(before + paths.size(), bound);
+}
+} // namespace
+
+// Another process holding the cache's lock stalls a request at most one busy
+// wait per lookup and per admission, also on the first open of the file; a
+// lock shorter than the busy timeout loses no admission.
+TEST(CachePolicyTest, APeersLockStallsEachRequestAtMostOneBusyWait)
+{
+    TestServer server;
+    for (int i = 0; i < 9; ++i)
+        server.Route("/f" + std::to_string(i), {200, {}, Pattern(100, i)});
+    url_downloader_h svc;
+    ASSERT_EQ(0, url_downloader_register("peer", Deliveries::Callback, nullptr, &svc));
+    {
+        // The file exists in rollback mode and is locked before this process
+        // first opens it: each of the two tries to switch it to WAL waits one
+        // busy timeout (2 s), not a retry loop of them.
+        sqlite3* db = nullptr;
+        ASSERT_EQ(SQLITE_OK, sqlite3_open(CacheDbPath().c_str(), &db));
+        ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "create table qeturlcache (id INTEGER PRIMARY KEY AUTOINCREMENT, url TEXT, "
+                                              "filepath TEXT, filesize INTEGER, downloadtime INTEGER, expirytime INTEGER, "
+                                              "appname TEXT)", nullptr, nullptr, nullptr));
+        sqlite3_close(db);
+        Peer peer("BEGIN EXCLUSIVE");
+        EXPECT_TRUE(DownloadAll(svc, server, {"/f0"}, 20s)) << "the first open waited more than a few busy timeouts";
+    }
+    // Opened now that the lock is gone.
+    ASSERT_TRUE(DownloadAll(svc, server, {"/f1"}, 20s));
+    EXPECT_EQ(1, CountCacheRows());
+
+    // Rows whose files are gone: each admission (no lookup asked for) meets
+    // one and deletes it, then inserts: two writes, one busy wait between them.
+    for (int i = 2; i <= 5; ++i)
+        ASSERT_TRUE(Admit(server.Url("/f" + std::to_string(i)), TempPath("gone"), 100, time(nullptr) + 600));
+    {
+        // Held for good: 4 admissions x 2 s, where waits per statement would
+        // add up to twice that.
+        Peer peer("BEGIN IMMEDIATE");
+        EXPECT_TRUE(DownloadAll(svc, server, {"/f2", "/f3", "/f4", "/f5"}, 12s, false)) << "waits added up per request";
+    }
+    {
+        // Held for less than the busy timeout: nothing is lost.
+        Peer peer("BEGIN IMMEDIATE");
+        std::thread release([&peer] {
+            std::this_thread::sleep_for(500ms);
+            sqlite3_exec(peer.db, "ROLLBACK", nullptr, nullptr, nullptr);
+        });
+        EXPECT_TRUE(DownloadAll(svc, server, {"/f6", "/f7", "/f8"}, 20s));
+        release.join();
+    }
+    EXPECT_EQ(3, CountCacheRows("url like '%/f6' or url like '%/f7' or url like '%/f8'")) << "admissions lost";
+    url_downloader_finalize();
 }

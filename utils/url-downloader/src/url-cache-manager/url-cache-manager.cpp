@@ -4,6 +4,7 @@
 #include <mutex>
 #include <stdio.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "db-util.h"
@@ -16,20 +17,101 @@
 #define URL_CACHE_QUERY_SIZE 2048
 /* Option value handed to the platform's database utility. */
 #define URL_CACHE_DB_OPEN_OPTION 1
-/* Bounds the wait for another process's first opening: 100 x 20 ms. */
-#define URL_CACHE_OPEN_BUSY_RETRIES 100
-#define URL_CACHE_OPEN_BUSY_WAIT_US 20000
+/* Longest wait for another process's lock in one lookup or admission (ms).
+ * A healthy peer holds the write lock for milliseconds; the processing thread
+ * waits here before it delivers, so every client of the process waits too. */
+#define URL_CACHE_BUSY_TIMEOUT_MS 2000
 
 pthread_mutex_t cache_db_lock = PTHREAD_MUTEX_INITIALIZER;
 sqlite3* cache_db_handle = NULL;
 
 URLCacheManager* URLCacheManager::instance = NULL;
 
+namespace {
+
+/* The wait budget of the calling thread (see url_cache_db_new_wait_budget). */
+thread_local bool budget_in_unit = false;
+thread_local long long budget_deadline_ms = 0;
+thread_local bool budget_spent = false;
+
+long long monotonic_ms()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (long long)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
+
+/* SQLite's busy handler: waits while another connection holds a lock, for at
+ * most one busy timeout per unit of work, so that several statements of one
+ * request never wait one after the other. */
+int wait_within_budget(void*, int count)
+{
+    if (!budget_in_unit && count == 0) {
+        budget_deadline_ms = 0;
+        budget_spent = false;
+    }
+    if (budget_spent)
+        return 0;
+    long long now = monotonic_ms();
+    if (budget_deadline_ms == 0)
+        budget_deadline_ms = now + URL_CACHE_BUSY_TIMEOUT_MS;
+    if (now >= budget_deadline_ms) {
+        budget_spent = true;
+        UD_ERROR_AS("url_cache_db", "Cache database locked by another process for %d ms, not waiting longer",
+                    URL_CACHE_BUSY_TIMEOUT_MS);
+        return 0;
+    }
+    long long pause = budget_deadline_ms - now < 10 ? budget_deadline_ms - now : 10;
+    usleep((useconds_t)(pause * 1000));
+    return 1;
+}
+
+/* Opens the database and makes the table; cache_db_lock held. A database
+ * that could not be opened (another process holding it, say) is tried again
+ * by the next statement. */
+bool open_locked()
+{
+    if (cache_db_handle != NULL)
+        return true;
+    /* Whatever the platform leaves in the handle on failure, the database
+     * counts as unopened then: only a successful open is kept. The utility
+     * bounds its own wait for a locked file. */
+    sqlite3* handle = NULL;
+    int ret = db_util_open(URL_CACHE_DB_PATH, &handle, URL_CACHE_DB_OPEN_OPTION);
+    if (ret != 0) {
+        UD_ERROR_AS("URLCacheManager", "DBConnect failed with:%d", ret);
+        return false;
+    }
+    sqlite3_busy_handler(handle, wait_within_budget, NULL);
+    cache_db_handle = handle;
+
+    char query[URL_CACHE_QUERY_SIZE];
+    snprintf(query, sizeof(query), URL_CACHE_CREATE_TABLE_FORMAT, URL_CACHE_TABLE_NAME);
+    UD_DEBUG_AS("URLCacheManager", "Query: [%s]", query);
+    char* errmsg = NULL;
+    ret = sqlite3_exec(cache_db_handle, query, NULL, NULL, &errmsg);
+    if (ret != SQLITE_OK) {
+        UD_DEBUG_AS("URLCacheManager", "Query: [%s]", query);
+        UD_ERROR_AS("URLCacheManager", "SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
+        sqlite3_free(errmsg);
+    }
+    return true;
+}
+
+} // namespace
+
+void url_cache_db_new_wait_budget(void)
+{
+    budget_in_unit = true;
+    budget_deadline_ms = 0;
+    budget_spent = false;
+}
+
 int url_cache_db_exec(const char* sql, char** errmsg)
 {
     *errmsg = NULL;
     /* An unopened database fails here like any other statement would. */
-    if (cache_db_handle == NULL)
+    if (!open_locked())
         return SQLITE_MISUSE;
     return sqlite3_exec(cache_db_handle, sql, NULL, NULL, errmsg);
 }
@@ -37,7 +119,7 @@ int url_cache_db_exec(const char* sql, char** errmsg)
 int url_cache_db_prepare(const char* sql, sqlite3_stmt** stmt)
 {
     *stmt = NULL;
-    if (cache_db_handle == NULL)
+    if (!open_locked())
         return SQLITE_MISUSE;
     return sqlite3_prepare(cache_db_handle, sql, (int)strlen(sql), stmt, NULL);
 }
@@ -144,36 +226,8 @@ URLCacheManager::URLCacheManager()
         return;
     }
 
-    /* Whatever the platform leaves in the handle on failure, the database
-     * counts as unopened then: only a successful open is kept. */
-    sqlite3* handle = NULL;
-    int ret = db_util_open(URL_CACHE_DB_PATH, &handle, URL_CACHE_DB_OPEN_OPTION);
-    /* Processes that open a new database at the same moment meet in its
-     * switch to WAL, where SQLite answers busy without waiting: worth a short
-     * wait rather than a process without a cache. */
-    for (int retry = 0; retry < URL_CACHE_OPEN_BUSY_RETRIES && (ret == SQLITE_BUSY || ret == SQLITE_LOCKED); ++retry) {
-        usleep(URL_CACHE_OPEN_BUSY_WAIT_US);
-        handle = NULL;
-        ret = db_util_open(URL_CACHE_DB_PATH, &handle, URL_CACHE_DB_OPEN_OPTION);
-    }
-    if (ret != 0) {
-        UD_ERROR("DBConnect failed with:%d", ret);
-        return;
-    }
-    cache_db_handle = handle;
-
-    char query[URL_CACHE_QUERY_SIZE];
-    snprintf(query, sizeof(query), URL_CACHE_CREATE_TABLE_FORMAT, URL_CACHE_TABLE_NAME);
-    UD_DEBUG("Query: [%s]", query);
-    char* errmsg = NULL;
-    ret = url_cache_db_exec(query, &errmsg);
-    if (ret != SQLITE_OK) {
-        UD_DEBUG("Query: [%s]", query);
-        UD_ERROR("SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
-        sqlite3_free(errmsg);
-        return;
-    }
-    UD_END();
+    if (open_locked())
+        UD_END();
 }
 
 URLCacheManager* URLCacheManager::getInstance()

@@ -22,6 +22,12 @@ typedef struct _url_downloader_cache {
     char* appname;
 } url_downloader_cache;
 
+/* Starts a new unit of work for the calling thread's statements (one lookup,
+ * or one admission): together they wait at most one busy timeout for locks
+ * that other processes hold. A thread that never starts one gets a fresh
+ * budget per statement. */
+void url_cache_db_new_wait_budget(void);
+
 /* One cache row; owns its three strings. */
 class UD_CACHE_EXPORT UrlCache {
 public:

@@ -108,6 +108,7 @@ bool url_downloader_check_cache(url_downloader_api_t* api_handle, url_downloader
         return false;
     }
     *error = URL_DOWNLOADER_ERROR_NONE;
+    url_cache_db_new_wait_budget(); // one lookup: at most one wait for a peer's lock
     if (api_handle->url == NULL) {
         UD_ERROR("provided url is NULL");
         return false;

@@ -91,6 +91,7 @@ void _url_downloader_process_download_response(url_downloader_api_h api, url_dow
                      "filepath=%s]\n",
                      printable(record.url), record.filesize, printable(record.appname), record.downloadtime,
                      record.expirytime, printable(record.filepath));
+            url_cache_db_new_wait_budget(); // one admission: at most one wait for a peer's lock
             char* cached = url_downloader_get_cache_filepath(&record);
             if (cached != NULL) {
                 UD_DEBUG("URL Found in cache\n");
