@@ -1,5 +1,9 @@
 #include "db-util.h"
 
+#include <stdio.h>
+
+#include "dlog.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -7,6 +11,8 @@
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
+
+#define DB_UTIL_LOG_TAG "DB-UTIL"
 
 /* How long a connection waits for another process's lock: long enough for
  * any healthy writer (they hold it for milliseconds), short enough that a
@@ -71,6 +77,35 @@ static int exec_when_free(sqlite3* db, const char* sql, long long deadline_ms)
     return rc;
 }
 
+static int is_corrupt(int rc)
+{
+    return (rc & 0xff) == SQLITE_CORRUPT || (rc & 0xff) == SQLITE_NOTADB;
+}
+
+/* Moves a corrupt database (and its -wal) aside to path.corrupt, so that the
+ * next open makes a new one; the -shm index only describes the old file. */
+static void move_aside(const char* path)
+{
+    size_t size = strlen(path) + sizeof ".corrupt-wal";
+    char* aside = malloc(size);
+    char* from = malloc(size);
+    if (aside != NULL && from != NULL) {
+        snprintf(aside, size, "%s.corrupt", path);
+        rename(path, aside);
+        snprintf(from, size, "%s-wal", path);
+        snprintf(aside, size, "%s.corrupt-wal", path);
+        rename(from, aside);
+        snprintf(from, size, "%s-shm", path);
+        unlink(from);
+        __dlog_print(DLOG_PRIORITY_ERROR, DB_UTIL_LOG_TAG, "db_util_open: %s is corrupt, moved aside to %s.corrupt",
+                     path, path);
+    }
+    free(aside);
+    free(from);
+}
+
+static int open_once(const char* path, sqlite3** handle);
+
 int db_util_open(const char* path, sqlite3** handle, int option)
 {
     (void)option;
@@ -81,7 +116,18 @@ int db_util_open(const char* path, sqlite3** handle, int option)
         return SQLITE_MISUSE;
     if (make_parent_dirs(path) != 0)
         return SQLITE_CANTOPEN;
+    int rc = open_once(path, handle);
+    /* A file that is not (or no longer) a database would stay unusable for
+     * every process: it is moved aside once and made anew. */
+    if (is_corrupt(rc)) {
+        move_aside(path);
+        rc = open_once(path, handle);
+    }
+    return rc;
+}
 
+static int open_once(const char* path, sqlite3** handle)
+{
     /* Made here, not by SQLite, so that its mode is the shared one. */
     int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, DB_UTIL_FILE_MODE);
     if (fd >= 0) {

@@ -291,3 +291,34 @@ TEST(CachePolicyTest, APeersLockStallsEachRequestAtMostOneBusyWait)
     EXPECT_EQ(3, CountCacheRows("url like '%/f6' or url like '%/f7' or url like '%/f8'")) << "admissions lost";
     url_downloader_finalize();
 }
+
+// A database that SQLite reports as corrupt, found when the file is opened
+// or later by a statement, is moved aside once and made anew, so the cache
+// works again.
+TEST(CachePolicyTest, ACorruptDatabaseIsMovedAsideAndMadeAnew)
+{
+    LogCapture log;
+    std::ofstream(CacheDbPath(), std::ios::binary) << std::string(8192, 'x');
+    ASSERT_TRUE(Admit("http://first/", "/f", 1, 2e9));
+    EXPECT_EQ(1, CountCacheRows());
+    EXPECT_EQ(std::string(8192, 'x'), ReadFile(CacheDbPath() + ".corrupt"));
+    EXPECT_TRUE(log.ContainsText("is corrupt, moved aside"));
+
+    // Another process breaks the schema of the open database.
+    sqlite3* peer = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(CacheDbPath().c_str(), &peer));
+    sqlite3_exec(peer,
+                 "PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql='broken' WHERE name='qeturlcache'; "
+                 "PRAGMA schema_version=1000;", // so that the library reads the schema again
+                 nullptr, nullptr, nullptr);
+    sqlite3_close(peer);
+    // The admissions that meet the broken file fail; one of the next few
+    // finds it corrupt, and after that they work again.
+    int failed = 0;
+    while (failed < 3 && !Admit("http://third/", "/f", 1, 2e9))
+        ++failed;
+    EXPECT_LT(failed, 3);
+    EXPECT_TRUE(log.Contains(kError, "url_cache_db", "Cache database " + CacheDbPath() + " is corrupt: moved aside to " +
+                                                         CacheDbPath() + ".corrupt, a new one is made"));
+    EXPECT_EQ(1, CountCacheRows("url='http://third/'"));
+}

@@ -21,7 +21,7 @@ long URLCacheManager::getUrlCacheSize()
         CacheDbSession session;
         if (!session.Prepare(__FUNCTION__, query))
             return -1;
-        if (sqlite3_step(session.Statement()) == SQLITE_ROW) {
+        if (url_cache_db_note(sqlite3_step(session.Statement())) == SQLITE_ROW) {
             /* The sum over an empty table is NULL, which reads as 0. */
             size = url_cache_db_column_long(session.Statement(), 0);
             UD_DEBUG("Current cache size is:[%ld]", size);
@@ -72,7 +72,7 @@ long URLCacheManager::cleanUrlCache()
         ok = false;
     }
 
-    int step = in_transaction ? sqlite3_step(stmt) : SQLITE_DONE;
+    int step = in_transaction ? url_cache_db_note(sqlite3_step(stmt)) : SQLITE_DONE;
     while (step == SQLITE_ROW) {
         scratch->id = sqlite3_column_int(stmt, 0);
         scratch->expirytime = url_cache_db_column_long(stmt, 5);
@@ -96,25 +96,28 @@ long URLCacheManager::cleanUrlCache()
         }
         sqlite3_free(deletion);
 
-        step = sqlite3_step(stmt);
+        step = url_cache_db_note(sqlite3_step(stmt));
         /* Counted down from the budget, not from the actual sum. */
         remainder -= scratch->filesize;
-        if (remainder < URL_CACHE_HALF_SIZE) {
-            UD_DEBUG("Cache cleaned to its half size [%ld]", remainder);
+        if (remainder < URL_CACHE_HALF_SIZE)
             break;
-        }
     }
 
     sqlite3_reset(stmt); /* the selection ends before the transaction does */
     if (in_transaction) {
-        /* Committed on failure too: rows already deleted stay deleted. */
+        /* Committed on failure too: rows already deleted stay deleted. A
+         * failed COMMIT is rolled back, and then no row was deleted: the log
+         * says so, and the admission that asked for the room fails. */
         ret = url_cache_db_exec("COMMIT", &errmsg);
         if (ret != SQLITE_OK) {
             UD_ERROR("SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
             sqlite3_free(errmsg);
             url_cache_db_exec("ROLLBACK", &errmsg);
             sqlite3_free(errmsg);
+            UD_ERROR("Trim rolled back, no row was deleted");
             ok = false;
+        } else if (remainder < URL_CACHE_HALF_SIZE) {
+            UD_DEBUG("Cache cleaned to its half size [%ld]", remainder);
         }
     }
     delete scratch;

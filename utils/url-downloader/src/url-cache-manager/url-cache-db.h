@@ -18,6 +18,12 @@ int url_cache_db_exec(const char* sql, char** errmsg);
 /* Compiles sql into *stmt; cache_db_lock must be held. */
 int url_cache_db_prepare(const char* sql, sqlite3_stmt** stmt);
 
+/* Notes a result of SQLite that says the database is corrupt; returns rc. */
+int url_cache_db_note(int rc);
+/* After a statement saw a corrupt database: moves the file aside and makes a
+ * new one, once per process. cache_db_lock held, no statement open. */
+void url_cache_db_recover_if_corrupt(void);
+
 /* Holds cache_db_lock for its scope, and with it at most one compiled
  * statement and its query text, both freed when the scope ends, on every
  * path. */
@@ -26,8 +32,10 @@ public:
     CacheDbSession() { pthread_mutex_lock(&cache_db_lock); }
     ~CacheDbSession()
     {
-        sqlite3_finalize(stmt_);
+        /* With legacy statements the step's real error comes out here. */
+        url_cache_db_note(sqlite3_finalize(stmt_));
         sqlite3_free(query_);
+        url_cache_db_recover_if_corrupt();
         pthread_mutex_unlock(&cache_db_lock);
     }
     CacheDbSession(const CacheDbSession&) = delete;

@@ -4,7 +4,10 @@
 #include <mutex>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
+
+#include <string>
 #include <unistd.h>
 
 #include "db-util.h"
@@ -66,6 +69,14 @@ int wait_within_budget(void*, int count)
     return 1;
 }
 
+/* Corruption seen by a statement since the last check, and whether this
+ * process has already made a new database once; cache_db_lock held. */
+bool corrupt_seen = false;
+bool recovered = false;
+/* The file the connection opened, to tell whether another process has
+ * already replaced a corrupt one. */
+ino_t opened_inode = 0;
+
 /* Opens the database and makes the table; cache_db_lock held. A database
  * that could not be opened (another process holding it, say) is tried again
  * by the next statement. */
@@ -84,12 +95,15 @@ bool open_locked()
     }
     sqlite3_busy_handler(handle, wait_within_budget, NULL);
     cache_db_handle = handle;
+    struct stat info;
+    const char* file = sqlite3_db_filename(handle, "main");
+    opened_inode = file != NULL && stat(file, &info) == 0 ? info.st_ino : 0;
 
     char query[URL_CACHE_QUERY_SIZE];
     snprintf(query, sizeof(query), URL_CACHE_CREATE_TABLE_FORMAT, URL_CACHE_TABLE_NAME);
     UD_DEBUG_AS("URLCacheManager", "Query: [%s]", query);
     char* errmsg = NULL;
-    ret = sqlite3_exec(cache_db_handle, query, NULL, NULL, &errmsg);
+    ret = url_cache_db_note(sqlite3_exec(cache_db_handle, query, NULL, NULL, &errmsg));
     if (ret != SQLITE_OK) {
         UD_DEBUG_AS("URLCacheManager", "Query: [%s]", query);
         UD_ERROR_AS("URLCacheManager", "SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
@@ -99,6 +113,44 @@ bool open_locked()
 }
 
 } // namespace
+
+namespace {
+bool is_corrupt(int rc) { return (rc & 0xff) == SQLITE_CORRUPT || (rc & 0xff) == SQLITE_NOTADB; }
+} // namespace
+
+int url_cache_db_note(int rc)
+{
+    /* Legacy statements report a generic error; the connection knows which. */
+    bool failed = rc != SQLITE_OK && rc != SQLITE_ROW && rc != SQLITE_DONE;
+    if (is_corrupt(rc) || (failed && cache_db_handle != NULL && is_corrupt(sqlite3_errcode(cache_db_handle))))
+        corrupt_seen = true;
+    return rc;
+}
+
+void url_cache_db_recover_if_corrupt(void)
+{
+    if (!corrupt_seen || cache_db_handle == NULL)
+        return;
+    corrupt_seen = false;
+    if (recovered)
+        return;
+    recovered = true;
+    const char* name = sqlite3_db_filename(cache_db_handle, "main");
+    std::string path = name != NULL ? name : "";
+    sqlite3_close_v2(cache_db_handle);
+    cache_db_handle = NULL;
+    struct stat info;
+    if (!path.empty() && stat(path.c_str(), &info) == 0 && info.st_ino == opened_inode) {
+        /* Still the file this process found corrupt: nobody replaced it yet. */
+        std::string aside = path + ".corrupt";
+        rename(path.c_str(), aside.c_str());
+        rename((path + "-wal").c_str(), (aside + "-wal").c_str());
+        unlink((path + "-shm").c_str());
+        UD_ERROR_AS("url_cache_db", "Cache database %s is corrupt: moved aside to %s, a new one is made", path.c_str(),
+                    aside.c_str());
+    }
+    open_locked();
+}
 
 void url_cache_db_new_wait_budget(void)
 {
@@ -113,7 +165,7 @@ int url_cache_db_exec(const char* sql, char** errmsg)
     /* An unopened database fails here like any other statement would. */
     if (!open_locked())
         return SQLITE_MISUSE;
-    return sqlite3_exec(cache_db_handle, sql, NULL, NULL, errmsg);
+    return url_cache_db_note(sqlite3_exec(cache_db_handle, sql, NULL, NULL, errmsg));
 }
 
 int url_cache_db_prepare(const char* sql, sqlite3_stmt** stmt)
@@ -121,7 +173,7 @@ int url_cache_db_prepare(const char* sql, sqlite3_stmt** stmt)
     *stmt = NULL;
     if (!open_locked())
         return SQLITE_MISUSE;
-    return sqlite3_prepare(cache_db_handle, sql, (int)strlen(sql), stmt, NULL);
+    return url_cache_db_note(sqlite3_prepare(cache_db_handle, sql, (int)strlen(sql), stmt, NULL));
 }
 
 bool CacheDbSession::Prepare(const char* func, char* query)
@@ -198,7 +250,7 @@ UrlCache* read_one_row(const char* func, UrlCache* record, char* query)
         return NULL;
     }
     sqlite3_stmt* stmt = session.Statement();
-    if (sqlite3_step(stmt) != SQLITE_ROW) {
+    if (url_cache_db_note(sqlite3_step(stmt)) != SQLITE_ROW) {
         /* A miss is not an error. */
         delete record;
         UD_DEBUG_AS(func, "End.<<<<<<<<<<");
