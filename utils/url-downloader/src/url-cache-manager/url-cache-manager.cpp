@@ -5,9 +5,8 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <stdlib.h>
 #include <time.h>
-
-#include <string>
 #include <unistd.h>
 
 #include "db-util.h"
@@ -136,19 +135,30 @@ void url_cache_db_recover_if_corrupt(void)
         return;
     recovered = true;
     const char* name = sqlite3_db_filename(cache_db_handle, "main");
-    std::string path = name != NULL ? name : "";
+    char* path = name != NULL && name[0] != '\0' ? strdup(name) : NULL;
     sqlite3_close_v2(cache_db_handle);
     cache_db_handle = NULL;
     struct stat info;
-    if (!path.empty() && stat(path.c_str(), &info) == 0 && info.st_ino == opened_inode) {
+    if (path != NULL && stat(path, &info) == 0 && info.st_ino == opened_inode) {
         /* Still the file this process found corrupt: nobody replaced it yet. */
-        std::string aside = path + ".corrupt";
-        rename(path.c_str(), aside.c_str());
-        rename((path + "-wal").c_str(), (aside + "-wal").c_str());
-        unlink((path + "-shm").c_str());
-        UD_ERROR_AS("url_cache_db", "Cache database %s is corrupt: moved aside to %s, a new one is made", path.c_str(),
-                    aside.c_str());
+        size_t size = strlen(path) + sizeof ".corrupt-wal";
+        char* from = (char*)malloc(size);
+        char* aside = (char*)malloc(size);
+        if (from != NULL && aside != NULL) {
+            snprintf(aside, size, "%s.corrupt", path);
+            rename(path, aside);
+            UD_ERROR_AS("url_cache_db", "Cache database %s is corrupt: moved aside to %s, a new one is made", path,
+                        aside);
+            snprintf(from, size, "%s-wal", path);
+            snprintf(aside, size, "%s.corrupt-wal", path);
+            rename(from, aside);
+            snprintf(from, size, "%s-shm", path);
+            unlink(from);
+        }
+        free(from);
+        free(aside);
     }
+    free(path);
     open_locked();
 }
 
