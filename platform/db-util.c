@@ -1,16 +1,15 @@
 #include "db-util.h"
 
-#include <stdio.h>
-
-#include "dlog.h"
-
 #include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
+
+#include "dlog.h"
 
 #define DB_UTIL_LOG_TAG "DB-UTIL"
 

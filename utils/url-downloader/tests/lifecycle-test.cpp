@@ -29,11 +29,6 @@ bool Eventually(Done done, std::chrono::milliseconds timeout) // without running
             return false;
     return true;
 }
-size_t Entries(const char* dir)
-{
-    auto it = std::filesystem::directory_iterator(dir);
-    return (size_t)std::distance(it, std::filesystem::directory_iterator());
-}
 int Get(url_downloader_h svc, const TestServer& server, const char* path)
 {
     url_downloader_api_h api;

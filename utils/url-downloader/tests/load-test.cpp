@@ -18,12 +18,6 @@
 #include "test-server.h"
 #include "url-downloader.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kScale = 2; // sanitizers are several times slower
-#else
-constexpr int kScale = 1;
-#endif
-
 using namespace ud_test;
 using namespace std::chrono_literals;
 

@@ -18,22 +18,10 @@
 #include "test-server.h"
 #include "url-downloader.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kScale = 2; // sanitizers are several times slower
-#else
-constexpr int kScale = 1;
-#endif
-
 using namespace ud_test;
 using namespace std::chrono_literals;
 
 namespace {
-size_t Entries(const char* dir)
-{
-    auto it = std::filesystem::directory_iterator(dir);
-    return (size_t)std::distance(it, std::filesystem::directory_iterator());
-}
-
 // Requests are numbered through their user data; every callback is counted.
 constexpr int kMax = 20000;
 std::atomic<int> g_calls[kMax];

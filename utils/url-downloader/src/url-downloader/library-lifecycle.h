@@ -59,4 +59,13 @@ private:
     bool up_;
 };
 
+/* What cancel-all and deregistration share: checks the service under func
+ * (running apply on it as CheckService does), queues a command of the type
+ * and waits for its own reply on the semaphore, logging waiting and done;
+ * then waits for a callback of the service that runs on another thread.
+ * Returns 0 or the refusal or write error. */
+url_downloader_error _url_downloader_drop_and_wait(const char* func, url_downloader_h service, int32_t type,
+                                                  sem_t* reply, const char* waiting, const char* done,
+                                                  void (*apply)(url_downloader_h, void*) = NULL);
+
 #endif

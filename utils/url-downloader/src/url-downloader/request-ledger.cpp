@@ -53,8 +53,10 @@ namespace {
 pthread_mutex_t list_write_lock;
 bool list_write_lock_initialised;
 
-// Newest first, of url_downloader_request_entry_t*.
+// Newest first, of url_downloader_request_entry_t*, and its length (the
+// log reports it; counting would walk the list on every delivery).
 GList* request_list = NULL;
+int request_count = 0;
 
 // What holds one request record (see the ownership rules above).
 struct Held {
@@ -111,6 +113,7 @@ void unlink_node_locked(GList* node)
 {
     free(node->data);
     request_list = g_list_delete_link(request_list, node);
+    --request_count;
 }
 
 void unlist_locked(Held* held)
@@ -140,7 +143,8 @@ bool release_locked(url_downloader_api_h api, Held* held)
     return true;
 }
 
-void retire_service_locked(url_downloader_h service)
+// Frees what a service record owns (its name and proxy configuration).
+void free_service_fields(url_downloader_h service)
 {
     free(service->appName);
     service->appName = NULL;
@@ -149,6 +153,11 @@ void retire_service_locked(url_downloader_h service)
         free(service->fwConfig);
         service->fwConfig = NULL;
     }
+}
+
+void retire_service_locked(url_downloader_h service)
+{
+    free_service_fields(service);
     service->callback = NULL;
     if (retired_services == NULL)
         retired_services = g_ptr_array_new();
@@ -211,6 +220,7 @@ bool _url_downloader_prepend_request_list(url_downloader_h service, url_download
     }
     make_indexes_locked();
     request_list = g_list_prepend(request_list, req_handle);
+    ++request_count;
     if (api != NULL) {
         Held* held = g_new0(Held, 1);
         held->node = request_list;
@@ -227,21 +237,31 @@ bool _url_downloader_prepend_request_list(url_downloader_h service, url_download
     return true;
 }
 
+namespace {
+// The two validations: looks the handle up under the lock, logging a lock
+// failure under func; *found tells whether it is listed.
+template <typename Lookup>
+bool look_up(const char* func, Lookup listed, bool* found)
+{
+    UdScopedLock lock(list_operation);
+    if (lock.Held()) {
+        *found = listed();
+        if (lock.Release())
+            return true;
+    }
+    UD_ERROR_AS(func, "Mutex Lock/Unlocking Error, code=[%d]\n", (int)lock.Error());
+    return false;
+}
+} // namespace
+
 bool _url_downloader_validate_sercvice_handle(url_downloader_h service)
 {
     UD_BEGIN();
-    UdScopedLock lock(list_operation);
-    if (!lock.Held()) {
-        UD_ERROR("Mutex Lock/Unlocking Error, code=[%d]\n", (int)lock.Error());
+    bool found = false;
+    if (!look_up(__FUNCTION__, [service] { return registered_locked(service); }, &found))
         return false;
-    }
-    bool found = registered_locked(service);
     if (found)
         UD_DEBUG("Valid service %ld", number(service));
-    if (!lock.Release()) {
-        UD_ERROR("Mutex Lock/Unlocking Error, code=[%d]\n", (int)lock.Error());
-        return false;
-    }
     UD_END();
     return found;
 }
@@ -253,19 +273,12 @@ bool _url_downloader_validate_api_handle(url_downloader_api_h api)
         UD_ERROR("NULL api-handle");
         return false;
     }
-    UdScopedLock lock(list_operation);
-    if (!lock.Held()) {
-        UD_ERROR("Mutex Lock/Unlocking Error, code=[%d]\n", (int)lock.Error());
+    bool found = false;
+    if (!look_up(__FUNCTION__, [api] { Held* held = held_locked(api); return held != NULL && held->node != NULL; },
+                 &found))
         return false;
-    }
-    Held* held = held_locked(api);
-    bool found = held != NULL && held->node != NULL;
     if (found)
         UD_DEBUG("Valid api handle %ld", number(api));
-    if (!lock.Release()) {
-        UD_ERROR("Mutex Lock/Unlocking Error, code=[%d]\n", (int)lock.Error());
-        return false;
-    }
     UD_END();
     return found;
 }
@@ -289,11 +302,7 @@ void _url_downloader_discard_service(url_downloader_h service)
 {
     if (service == NULL)
         return;
-    free(service->appName);
-    if (service->fwConfig != NULL) {
-        free(service->fwConfig->proxy);
-        free(service->fwConfig);
-    }
+    free_service_fields(service);
     free(service);
 }
 
@@ -371,17 +380,27 @@ void _url_downloader_wait_for_deliveries(url_downloader_h service)
     delivery_done.wait(guard, [service] { return !is_running_elsewhere(service); });
 }
 
-bool _url_downloader_claim_submitted(url_downloader_api_h api)
+namespace {
+// A message naming the request is being handled: drops the hold that it
+// stood for. True when the request is still listed (the caller works on it);
+// else the request is freed once nothing else holds it.
+bool drop_hold(url_downloader_api_h api, bool Held::*hold)
 {
     UdScopedLock lock(list_operation);
     Held* held = lock.Held() ? held_locked(api) : NULL;
     if (held == NULL)
         return false;
-    held->submitted = false;
+    held->*hold = false;
     if (held->node != NULL)
         return true;
-    release_locked(api, held); // swept before its message came
+    release_locked(api, held); // swept while the message was on its way
     return false;
+}
+} // namespace
+
+bool _url_downloader_claim_submitted(url_downloader_api_h api)
+{
+    return drop_hold(api, &Held::submitted);
 }
 
 bool _url_downloader_start_transfer(url_downloader_api_h api)
@@ -403,15 +422,7 @@ bool _url_downloader_start_transfer(url_downloader_api_h api)
 
 bool _url_downloader_claim_response(url_downloader_api_h api)
 {
-    UdScopedLock lock(list_operation);
-    Held* held = lock.Held() ? held_locked(api) : NULL;
-    if (held == NULL)
-        return false;
-    held->transfer = false;
-    if (held->node != NULL)
-        return true;
-    release_locked(api, held); // swept after its transfer had finished
-    return false;
+    return drop_hold(api, &Held::transfer);
 }
 
 bool _url_downloader_cancel_running(url_downloader_api_h api)
@@ -465,7 +476,7 @@ void _url_downloader_sweep(url_downloader_h service, bool withRegistration, bool
         }
         node = next;
     }
-    UD_DEBUG_AS(func, "List count is %d", (int)g_list_length(request_list));
+    UD_DEBUG_AS(func, "List count is %d", request_count);
     if (!lock.Release())
         *error = lock.Error();
 }
@@ -532,7 +543,7 @@ void _url_downloader_end_delivery(url_downloader_api_h api, url_downloader_h ser
             unlist_locked(held);
             UD_DEBUG_AS("_url_downloader_idle_callback",
                         "Request removed from the list for api-handle %ld, remaining list count is %d", number(api),
-                        (int)g_list_length(request_list));
+                        request_count);
             held->delivering = false;
             release_locked(api, held);
         }
@@ -582,6 +593,7 @@ void _url_downloader_forget_all(void)
     }
     g_list_free(request_list);
     request_list = NULL;
+    request_count = 0;
     if (services != NULL)
         g_hash_table_remove_all(services);
 }

@@ -90,23 +90,11 @@ url_downloader_error url_downloader_cancel_all_requests(url_downloader_h service
         UD_ERROR("NULL service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
-    {
-        UdPublicCall call;
-        url_downloader_error checked = call.CheckService(__FUNCTION__, service);
-        if (checked != URL_DOWNLOADER_ERROR_NONE)
-            return checked;
-        uint64_t ticket = 0;
-        url_downloader_error error =
-            _url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, service, NULL, &ticket);
-        if (error != URL_DOWNLOADER_ERROR_NONE)
-            return error;
-        UD_DEBUG("Waiting till all the requests are cancelled by processing thread");
-        if (_url_downloader_wait_reply(&url_downloader_cancel_all_sem, URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, ticket))
-            UD_DEBUG("Cancelled all the requests");
-    }
-    // As for deregistration: no callback of a dropped request may still be
-    // running on another thread once this returns.
-    _url_downloader_wait_for_deliveries(service);
+    url_downloader_error error = _url_downloader_drop_and_wait(
+        __FUNCTION__, service, URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, &url_downloader_cancel_all_sem,
+        "Waiting till all the requests are cancelled by processing thread", "Cancelled all the requests");
+    if (error != URL_DOWNLOADER_ERROR_NONE)
+        return error;
     UD_END();
     return URL_DOWNLOADER_ERROR_NONE;
 }

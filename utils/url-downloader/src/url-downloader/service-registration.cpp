@@ -181,6 +181,31 @@ url_downloader_error UdPublicCall::CheckService(const char* func, url_downloader
     return URL_DOWNLOADER_ERROR_NONE;
 }
 
+url_downloader_error _url_downloader_drop_and_wait(const char* func, url_downloader_h service, int32_t type,
+                                                  sem_t* reply, const char* waiting, const char* done,
+                                                  void (*apply)(url_downloader_h, void*))
+{
+    {
+        UdPublicCall call;
+        url_downloader_error error = call.CheckService(func, service, apply);
+        if (error != URL_DOWNLOADER_ERROR_NONE)
+            return error;
+        uint64_t ticket = 0;
+        error = _url_downloader_send_message(type, service, NULL, &ticket);
+        if (error != URL_DOWNLOADER_ERROR_NONE)
+            return error;
+        UD_DEBUG_AS(func, "%s", waiting);
+        if (_url_downloader_wait_reply(reply, type, ticket))
+            UD_DEBUG_AS(func, "%s", done);
+    }
+    // A callback of the service that began before the sweep may still be
+    // running on the main loop's thread; the caller may free what it uses
+    // once this returns. Outside the call's gate, so that such a callback
+    // may itself finalize.
+    _url_downloader_wait_for_deliveries(service);
+    return URL_DOWNLOADER_ERROR_NONE;
+}
+
 url_downloader_error url_downloader_register(const char* appName, url_downloader_callback_t callback,
                                              const url_downloader_config_t* config, url_downloader_h* handle)
 {
@@ -203,6 +228,7 @@ url_downloader_error url_downloader_register(const char* appName, url_downloader
     if (library_up) {
         UD_DEBUG_AS("_url_downloader_init", "service already started\n");
     } else {
+        _url_downloader_set_proxy_source(_url_downloader_copy_service_proxy);
         url_downloader_error error;
         {
             GateClosed gate;
@@ -213,7 +239,6 @@ url_downloader_error url_downloader_register(const char* appName, url_downloader
             return error;
     }
 
-    _url_downloader_set_proxy_source(_url_downloader_copy_service_proxy);
     if (UrlDownloader::CreateInstance() == NULL)
         return URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED;
 
@@ -313,28 +338,13 @@ url_downloader_error url_downloader_deregister(url_downloader_h service)
         UD_ERROR("NULL service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
-    {
-        // Silencing the callback under the list lock: delivery reads it there.
-        UdPublicCall call;
-        url_downloader_error error =
-            call.CheckService(__FUNCTION__, service, [](url_downloader_h s, void*) { s->callback = NULL; });
-        if (error != URL_DOWNLOADER_ERROR_NONE)
-            return error;
-
-        uint64_t ticket = 0;
-        error = _url_downloader_send_message(URL_DOWNLOADER_MSG_DEREGISTER_SERVICE, service, NULL, &ticket);
-        if (error != URL_DOWNLOADER_ERROR_NONE)
-            return error;
-
-        UD_DEBUG("Waiting till service is deregistered by processing thread");
-        if (_url_downloader_wait_reply(&url_downloader_deregister_sem, URL_DOWNLOADER_MSG_DEREGISTER_SERVICE, ticket))
-            UD_DEBUG("Deregistered service");
-    }
-    // A callback of the service that began before the sweep may still be
-    // running on the main loop's thread; the caller may free what it uses
-    // once this returns. Outside the call's gate, so that such a callback
-    // may itself finalize.
-    _url_downloader_wait_for_deliveries(service);
+    // Silencing the callback under the list lock: delivery reads it there.
+    url_downloader_error error = _url_downloader_drop_and_wait(
+        __FUNCTION__, service, URL_DOWNLOADER_MSG_DEREGISTER_SERVICE, &url_downloader_deregister_sem,
+        "Waiting till service is deregistered by processing thread", "Deregistered service",
+        [](url_downloader_h s, void*) { s->callback = NULL; });
+    if (error != URL_DOWNLOADER_ERROR_NONE)
+        return error;
     UD_END();
     return URL_DOWNLOADER_ERROR_NONE;
 }

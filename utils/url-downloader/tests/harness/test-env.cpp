@@ -49,4 +49,10 @@ void* PlatformSymbol(const char* name)
     return platform != nullptr ? dlsym(platform, name) : nullptr;
 }
 
+size_t Entries(const char* dir)
+{
+    auto it = std::filesystem::directory_iterator(dir);
+    return (size_t)std::distance(it, std::filesystem::directory_iterator());
+}
+
 } // namespace ud_test

@@ -1,9 +1,21 @@
 // Per-process test environment: a private temporary folder.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace ud_test {
+
+// Load sizes are divided by this under a sanitizer, which is several times slower.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kScale = 2;
+#else
+constexpr int kScale = 1;
+#endif
+
+// Number of entries in a folder, e.g. "/proc/self/task" (threads) or
+// "/proc/self/fd" (descriptors).
+size_t Entries(const char* dir);
 
 // The test process's own temporary folder, made on first use and removed
 // with its contents when the process exits.
