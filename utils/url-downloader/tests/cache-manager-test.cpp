@@ -18,7 +18,7 @@ using namespace ud_test;
 namespace {
 URLCacheManager* Cache() { return URLCacheManager::getInstance(); }
 char* S(const char* s) { return const_cast<char*>(s); }
-bool Add(const std::string& url, const char* path, long size, long expiry, const char* app = "t")
+bool Add(const std::string& url, const char* path, int64_t size, int64_t expiry, const char* app = "t")
 {
     url_downloader_cache c{0, S(url.c_str()), S(path), size, 1700000000L, expiry, S(app)};
     UrlCache record(&c);
@@ -28,8 +28,8 @@ bool Add(const std::string& url, const char* path, long size, long expiry, const
 
 TEST(CacheManagerTest, RecordsRoundTripQuotesNullsWideNumbersAndExactUrls)
 {
-    // Past 2^31 only where long is 64 bits: 32-bit column reads would mangle them.
-    const long far = sizeof(long) > 4 ? 4102444800L : 2000000000L;
+    // Past 2^32: a 32-bit column read or a long on the device would mangle it.
+    const int64_t far = INT64_C(4102444800);
     ASSERT_TRUE(Add("http://h/it's", "/tmp/o'brien", far, far, "app'1"));
     ASSERT_TRUE(Add("http://h/IT'S", nullptr, 7, far, nullptr));
     std::unique_ptr<UrlCache> got(Cache()->findUrlCache(S("http://h/it's")));
@@ -95,22 +95,27 @@ TEST(CacheManagerTest, UnopenableDatabaseFailsEveryOperationWithItsLine)
 TEST(CacheManagerTest, TrimCountsDownFromTheBudgetInExpiryOrder)
 {
     struct {
-        std::vector<long> sizes;
-        long remainder;
+        std::vector<int64_t> sizes;
+        int64_t remainder;
         size_t left;
         bool half_line;
     } const cases[] = {
         {{}, 10485760, 0, false},
-        {std::vector<long>(10, 1000000), 4485760, 4, true}, // five leave 5,485,760: not yet below half
+        {std::vector<int64_t>(10, 1000000), 4485760, 4, true}, // five leave 5,485,760: not yet below half
         {{2621440, 2621440, 1000, 1000}, 5241880, 1, true}, // exactly half deleted is not enough
         {{20000000, 5}, -9514240, 1, true},
-        {std::vector<long>(150, 10000), 9485760, 50, false}, // one trim reads 100 rows at most
+        {std::vector<int64_t>(150, 10000), 9485760, 50, false}, // one trim reads 100 rows at most
+        {{INT64_C(3) << 30, INT64_C(3) << 30}, 10485760 - (INT64_C(3) << 30), 1, true}, // sums past 2^32
     };
     EXPECT_EQ(0, Cache()->getUrlCacheSize()); // the sum over no rows is NULL
     for (const auto& c : cases) {
         SCOPED_TRACE(c.remainder);
         for (size_t i = 0; i < c.sizes.size(); ++i) // row i expires at 1000 + i: trimmed in this order
-            ASSERT_TRUE(Add("http://h/" + std::to_string(i), nullptr, c.sizes[i], 1000 + long(i)));
+            ASSERT_TRUE(Add("http://h/" + std::to_string(i), nullptr, c.sizes[i], 1000 + int64_t(i)));
+        int64_t sum = 0;
+        for (int64_t size : c.sizes)
+            sum += size;
+        EXPECT_EQ(sum, Cache()->getUrlCacheSize());
         LogCapture log;
         EXPECT_EQ(c.remainder, Cache()->cleanUrlCache());
         EXPECT_EQ(int(c.left), CountCacheRows());

@@ -3,11 +3,14 @@
 // also from two processes at once.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
+#include <ctime>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <memory>
 #include <sqlite3.h>
 #include <thread>
 #include <sys/stat.h>
@@ -24,6 +27,19 @@
 
 using namespace ud_test;
 using namespace std::chrono_literals;
+
+// The library in this program reads this clock: a test may move it, to stand
+// where 32-bit time arithmetic would wrap.
+static std::atomic<int64_t> g_clock_shift{0};
+extern "C" time_t time(time_t* out)
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const time_t t = (time_t)(now.tv_sec + g_clock_shift.load());
+    if (out != nullptr)
+        *out = t;
+    return t;
+}
 
 namespace {
 void Write(const std::string& name, const char* body) { std::ofstream(TempPath(name), std::ios::binary) << body; }
@@ -321,4 +337,61 @@ TEST(CachePolicyTest, ACorruptDatabaseIsMovedAsideAndMadeAnew)
     EXPECT_TRUE(log.Contains(kError, "url_cache_db", "Cache database " + CacheDbPath() + " is corrupt: moved aside to " +
                                                          CacheDbPath() + ".corrupt, a new one is made"));
     EXPECT_EQ(1, CountCacheRows("url='http://third/'"));
+}
+
+// Values that pass what 32 bits hold on the device: a body over 2 GiB, and
+// expiry times after January 2038 (an Expires date, and the default lifetime
+// added to a clock late in 2037). Each is reported, stored and then answers
+// the same URL from the cache.
+TEST(CachePolicyTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
+{
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    const int64_t big = (INT64_C(1) << 31) + 1;
+    {
+        // Sparse: no disk space for the source, only for the download.
+        std::ofstream(TempPath("big-source"), std::ios::binary).put('x');
+        ASSERT_EQ(0, truncate(TempPath("big-source").c_str(), big));
+    }
+    TestServer server;
+    TestServer::Response file_response;
+    file_response.file = TempPath("big-source");
+    server.Route("/big", file_response);
+    server.Route("/2040", {200, {{"Expires", "Tue, 01 May 2040 16:00:00 GMT"}}, "body"});
+    server.Route("/default", {200, {}, "body"});
+    const int64_t late_2037 = 2145830400; // 2037-12-31 00:00:00 UTC
+    g_clock_shift = late_2037 - (int64_t)::time(nullptr);
+    const int64_t now = ::time(nullptr);
+    const struct {
+        const char* path;
+        int64_t size;
+        int64_t lowest_expiry, highest_expiry;
+    } cases[] = {
+        {"/big", big, now + 15552000, now + 15552000 + 60},
+        {"/2040", 4, 2219500800, 2219500800},
+        {"/default", 4, now + 15552000, now + 15552000 + 60},
+    };
+    url_downloader_h svc;
+    ASSERT_EQ(0, url_downloader_register("late", Deliveries::Callback, nullptr, &svc));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        ASSERT_TRUE(DownloadAll(svc, server, {c.path}, 240s)) << "no callback";
+        EXPECT_EQ(0, Deliveries::All().back().error);
+        const std::string got = Deliveries::All().back().path.value_or("");
+        struct stat info {};
+        ASSERT_EQ(0, stat(got.c_str(), &info));
+        EXPECT_EQ(c.size, (int64_t)info.st_size);
+        std::unique_ptr<UrlCache> row(URLCacheManager::getInstance()->findUrlCache(S(server.Url(c.path))));
+        ASSERT_NE(nullptr, row);
+        EXPECT_EQ(c.size, row->filesize);
+        EXPECT_GE(row->expirytime, c.lowest_expiry);
+        EXPECT_LE(row->expirytime, c.highest_expiry);
+        // Asked again: answered from the cache with the file of the first download.
+        ASSERT_TRUE(DownloadAll(svc, server, {c.path}, 60s));
+        EXPECT_EQ(got, Deliveries::All().back().path.value_or(""));
+        EXPECT_EQ(1u, server.RequestCount(c.path));
+        unlink(got.c_str());
+    }
+    url_downloader_finalize();
+    g_clock_shift = 0;
 }

@@ -1,3 +1,5 @@
+#include <inttypes.h>
+
 #include "url-cache-manager.h"
 #include "url-cache-db.h"
 #include "url-downloader-log.h"
@@ -6,7 +8,7 @@
 #define URL_CACHE_TRIM_ORDER_COLUMN "expirytime"
 #define URL_CACHE_TRIM_ORDER "asc"
 
-long URLCacheManager::getUrlCacheSize()
+int64_t URLCacheManager::getUrlCacheSize()
 {
     UD_BEGIN();
     char* query = sqlite3_mprintf("select sum(%s) from %s", URL_CACHE_SIZE_COLUMN, URL_CACHE_TABLE_NAME);
@@ -16,15 +18,15 @@ long URLCacheManager::getUrlCacheSize()
     }
     UD_DEBUG("Query to be executed:[%s] \n", query);
 
-    long size;
+    int64_t size;
     {
         CacheDbSession session;
         if (!session.Prepare(__FUNCTION__, query))
             return -1;
         if (url_cache_db_note(sqlite3_step(session.Statement())) == SQLITE_ROW) {
             /* The sum over an empty table is NULL, which reads as 0. */
-            size = url_cache_db_column_long(session.Statement(), 0);
-            UD_DEBUG("Current cache size is:[%ld]", size);
+            size = sqlite3_column_int64(session.Statement(), 0);
+            UD_DEBUG("Current cache size is:[%" PRId64 "]", size);
         } else {
             size = -1;
             UD_ERROR("sqlite3_step api failed");
@@ -34,7 +36,7 @@ long URLCacheManager::getUrlCacheSize()
     return size;
 }
 
-long URLCacheManager::cleanUrlCache()
+int64_t URLCacheManager::cleanUrlCache()
 {
     UD_BEGIN();
     UrlCache* scratch = new UrlCache();
@@ -56,7 +58,7 @@ long URLCacheManager::cleanUrlCache()
     int ret;
 
     bool ok = true;
-    long remainder = URL_CACHE_MAX_SIZE;
+    int64_t remainder = URL_CACHE_MAX_SIZE;
     char* errmsg = NULL;
     /* The deletions run while the selection is open. Left to autocommit, each
      * would have to upgrade the selection's read transaction to a write one,
@@ -75,8 +77,8 @@ long URLCacheManager::cleanUrlCache()
     int step = in_transaction ? url_cache_db_note(sqlite3_step(stmt)) : SQLITE_DONE;
     while (step == SQLITE_ROW) {
         scratch->id = sqlite3_column_int(stmt, 0);
-        scratch->expirytime = url_cache_db_column_long(stmt, 5);
-        scratch->filesize = url_cache_db_column_long(stmt, 3);
+        scratch->expirytime = sqlite3_column_int64(stmt, 5);
+        scratch->filesize = sqlite3_column_int64(stmt, 3);
 
         char* deletion = sqlite3_mprintf("delete from %s where id=%d", URL_CACHE_TABLE_NAME, scratch->id);
         if (deletion == NULL) {
@@ -117,7 +119,7 @@ long URLCacheManager::cleanUrlCache()
             UD_ERROR("Trim rolled back, no row was deleted");
             ok = false;
         } else if (remainder < URL_CACHE_HALF_SIZE) {
-            UD_DEBUG("Cache cleaned to its half size [%ld]", remainder);
+            UD_DEBUG("Cache cleaned to its half size [%" PRId64 "]", remainder);
         }
     }
     delete scratch;

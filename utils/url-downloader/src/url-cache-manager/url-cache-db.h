@@ -52,7 +52,7 @@ private:
 };
 
 /* Reads an INTEGER column into a long, whatever width long has here. */
-long url_cache_db_column_long(sqlite3_stmt* stmt, int column);
+
 
 /* Text for an error line: SQLite's message when it gave one, else the code's. */
 const char* url_cache_db_error_text(const char* errmsg, int rc);

@@ -196,14 +196,6 @@ bool CacheDbSession::Prepare(const char* func, char* query)
     return false;
 }
 
-long url_cache_db_column_long(sqlite3_stmt* stmt, int column)
-{
-    if constexpr (sizeof(long) > sizeof(int))
-        return (long)sqlite3_column_int64(stmt, column);
-    else
-        return sqlite3_column_int(stmt, column);
-}
-
 const char* url_cache_db_error_text(const char* errmsg, int rc)
 {
     return errmsg != NULL ? errmsg : sqlite3_errstr(rc);
@@ -269,9 +261,9 @@ UrlCache* read_one_row(const char* func, UrlCache* record, char* query)
     record->id = sqlite3_column_int(stmt, 0);
     record->url = column_text_copy(stmt, 1);
     record->filepath = column_text_copy(stmt, 2);
-    record->filesize = url_cache_db_column_long(stmt, 3);
-    record->downloadtime = url_cache_db_column_long(stmt, 4);
-    record->expirytime = url_cache_db_column_long(stmt, 5);
+    record->filesize = sqlite3_column_int64(stmt, 3);
+    record->downloadtime = sqlite3_column_int64(stmt, 4);
+    record->expirytime = sqlite3_column_int64(stmt, 5);
     record->appname = column_text_copy(stmt, 6);
     UD_DEBUG_AS(func, "End.<<<<<<<<<<");
     return record;
@@ -304,8 +296,9 @@ bool URLCacheManager::addUrlCache(UrlCache& cache)
 {
     UD_BEGIN();
     char* query = sqlite3_mprintf(
-        "insert into %s (url, filepath, filesize, downloadtime, expirytime, appname) values (%Q, %Q, %ld, %ld, %ld, %Q)",
-        URL_CACHE_TABLE_NAME, cache.url, cache.filepath, cache.filesize, cache.downloadtime, cache.expirytime,
+        "insert into %s (url, filepath, filesize, downloadtime, expirytime, appname) values (%Q, %Q, %lld, %lld, %lld, %Q)",
+        URL_CACHE_TABLE_NAME, cache.url, cache.filepath, (long long)cache.filesize, (long long)cache.downloadtime,
+        (long long)cache.expirytime,
         cache.appname);
     return execute_modification(__FUNCTION__, query, false);
 }
@@ -314,8 +307,9 @@ bool URLCacheManager::updateUrlCache(UrlCache& cache)
 {
     UD_BEGIN();
     char* query = sqlite3_mprintf(
-        "update %s set url=%Q, filepath=%Q, filesize=%ld, downloadtime=%ld, expirytime=%ld, appname=%Q where id=%d",
-        URL_CACHE_TABLE_NAME, cache.url, cache.filepath, cache.filesize, cache.downloadtime, cache.expirytime,
+        "update %s set url=%Q, filepath=%Q, filesize=%lld, downloadtime=%lld, expirytime=%lld, appname=%Q where id=%d",
+        URL_CACHE_TABLE_NAME, cache.url, cache.filepath, (long long)cache.filesize, (long long)cache.downloadtime,
+        (long long)cache.expirytime,
         cache.appname, cache.id);
     return execute_modification(__FUNCTION__, query, false);
 }

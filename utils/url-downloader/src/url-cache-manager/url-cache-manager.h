@@ -2,6 +2,8 @@
 #ifndef URL_CACHE_MANAGER_H
 #define URL_CACHE_MANAGER_H
 
+#include <stdint.h>
+
 #define UD_CACHE_EXPORT __attribute__((visibility("default")))
 
 #define URL_CACHE_DB_PATH "/opt/dbspace/.urlcache.db"
@@ -16,9 +18,11 @@ typedef struct _url_downloader_cache {
     int id;
     char* url;
     char* filepath;
-    long filesize;
-    long downloadtime;
-    long expirytime;
+    /* 64-bit everywhere: sizes and their sums pass 2 GiB, and times pass
+     * 2038, even where long is 32 bits. */
+    int64_t filesize;
+    int64_t downloadtime;
+    int64_t expirytime;
     char* appname;
 } url_downloader_cache;
 
@@ -40,9 +44,9 @@ public:
     int id;
     char* url;
     char* filepath;
-    long filesize;
-    long downloadtime;
-    long expirytime;
+    int64_t filesize;
+    int64_t downloadtime;
+    int64_t expirytime;
     char* appname;
 };
 
@@ -57,8 +61,8 @@ public:
     bool deleteUrlCache(char* appName);
     UrlCache* findUrlCache(char* url);
     UrlCache* getUrlCache(int id);
-    long getUrlCacheSize();
-    long cleanUrlCache();
+    int64_t getUrlCacheSize();
+    int64_t cleanUrlCache();
 
     static URLCacheManager* instance;
 

@@ -26,8 +26,8 @@ typedef enum {
 
 /* Result of one finished transfer; owned by the processing thread once sent. */
 typedef struct url_downloader_response_info_t {
-    int32_t fileSize;
-    int32_t expiryTime;
+    int64_t fileSize;   /* a body may pass 2 GiB */
+    int64_t expiryTime; /* and a date may pass 2038, on 32-bit targets too */
     url_downloader_error error;
 } url_downloader_response_info_t;
 

@@ -26,6 +26,6 @@ size_t url_downloader_body_parser(void* data, size_t size, size_t nmemb, void* u
     }
 
     size_t written = fwrite(data, size, nmemb, record->fileHandle);
-    record->fileSize += (long)written;
+    record->fileSize += (int64_t)written;
     return written;
 }

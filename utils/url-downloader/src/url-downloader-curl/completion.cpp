@@ -26,16 +26,6 @@ struct Outbox {
 };
 thread_local Outbox outbox;
 
-// The response record carries 32-bit fields; a larger value must not wrap
-// into a negative size or into the -1 that marks an unusable date.
-int32_t clamp_to_int32(long value)
-{
-    if (value > INT32_MAX)
-        return INT32_MAX;
-    if (value < INT32_MIN)
-        return INT32_MIN;
-    return (int32_t)value;
-}
 } // namespace
 
 void _url_downloader_response_cb(CURL* easy_handle, void* user_data, CURLcode result)
@@ -77,8 +67,8 @@ void _url_downloader_response_cb(CURL* easy_handle, void* user_data, CURLcode re
         info->error = URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED;
     } else {
         sync();
-        info->fileSize = clamp_to_int32(data->fileSize);
-        info->expiryTime = clamp_to_int32(data->expiryTime);
+        info->fileSize = data->fileSize;
+        info->expiryTime = data->expiryTime;
     }
     UD_DEBUG("Download done for api-handle %ld, error=[%d]\n", (long)(intptr_t)data->apiHandle, (int)info->error);
 

@@ -1,3 +1,5 @@
+#include <glib.h>
+#include <inttypes.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -25,6 +27,28 @@ void copy_bounded(char* buffer, const char* from, const char* end, size_t max)
 
 const size_t kExpiresChars = 20; // "01 Dec 1994 16:00:00": the date without its zone
 const size_t kMaxAgeFallbackChars = 20;
+
+// Local-time reading of a broken-down date as 64-bit seconds. mktime first;
+// where time_t is 32 bits it cannot hold dates from 2038 on, and GLib's
+// 64-bit calendar reads those instead of letting them fall back to the
+// default lifetime.
+bool local_seconds(struct tm* tm, int64_t* seconds)
+{
+    tm->tm_isdst = -1; // mktime decides whether summer time applies
+    struct tm copy = *tm;
+    time_t t = mktime(&copy);
+    if (t != (time_t)-1) {
+        *seconds = (int64_t)t;
+        return true;
+    }
+    GDateTime* date = g_date_time_new_local(tm->tm_year + 1900, tm->tm_mon + 1, tm->tm_mday, tm->tm_hour,
+                                            tm->tm_min, (gdouble)tm->tm_sec);
+    if (date == NULL)
+        return false;
+    *seconds = g_date_time_to_unix(date);
+    g_date_time_unref(date);
+    return true;
+}
 
 // Tried in this order; the value starts right after the first one found.
 const char* const kCacheControlForms[] = {
@@ -59,15 +83,13 @@ size_t url_downloader_header_parser(char* line, size_t size, size_t nmemb, void*
             UD_ERROR("strptime failed");
             record->expiryTime = -1;
         } else {
-            tm.tm_isdst = -1; // mktime decides whether summer time applies
-            time_t t = mktime(&tm);
-            if (t == (time_t)-1) {
+            int64_t seconds = 0;
+            if (!local_seconds(&tm, &seconds)) {
                 UD_ERROR("mktime failed");
                 record->expiryTime = -1;
             } else {
-                // time_t may be wider than long (32-bit targets): saturate.
-                record->expiryTime = t > (time_t)LONG_MAX ? LONG_MAX : (long)t;
-                UD_DEBUG("Expiry time using expiry header is : %ld\n", record->expiryTime);
+                record->expiryTime = seconds;
+                UD_DEBUG("Expiry time using expiry header is : %" PRId64 "\n", record->expiryTime);
             }
         }
     }
@@ -92,12 +114,12 @@ size_t url_downloader_header_parser(char* line, size_t size, size_t nmemb, void*
         copy_bounded(buffer, value, end, kMaxAgeFallbackChars);
     UD_DEBUG("Expirey string is : %s\n", buffer);
 
-    long max_age = strtol(buffer, NULL, 10);
-    long now = (long)time(NULL);
-    long expiry;
+    int64_t max_age = strtoll(buffer, NULL, 10);
+    int64_t now = (int64_t)time(NULL);
+    int64_t expiry;
     if (__builtin_add_overflow(now, max_age, &expiry))
-        expiry = max_age > 0 ? LONG_MAX : LONG_MIN;
+        expiry = max_age > 0 ? INT64_MAX : INT64_MIN;
     record->expiryTime = expiry;
-    UD_DEBUG("Expiry time using cache-control max age is: %ld\n", record->expiryTime);
+    UD_DEBUG("Expiry time using cache-control max age is: %" PRId64 "\n", record->expiryTime);
     return length;
 }

@@ -1,5 +1,6 @@
 #include "cache-policy.h"
 
+#include <inttypes.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -77,7 +78,7 @@ char* url_downloader_get_cache_filepath(url_downloader_cache* cache)
         } else {
             UD_DEBUG("URL found in cache and same file existing in file-system");
             /* Fresh strictly before the expiry time. */
-            fresh = entry->expirytime > (long)now;
+            fresh = entry->expirytime > (int64_t)now;
             if (!fresh)
                 UD_ERROR("But expired Id=[%d]\n", entry->id);
         }
@@ -92,7 +93,7 @@ char* url_downloader_get_cache_filepath(url_downloader_cache* cache)
         return NULL;
     }
 
-    UD_DEBUG("still %ld time to expire\n", entry->expirytime - (long)now);
+    UD_DEBUG("still %" PRId64 " time to expire\n", entry->expirytime - (int64_t)now);
     char* path = strdup(entry->filepath);
     UD_DEBUG("Entry found in cache");
     delete entry;
@@ -174,7 +175,7 @@ bool url_downloader_add_cache(url_downloader_cache* cache, url_downloader_error*
         return false;
     }
 
-    long size = manager->getUrlCacheSize();
+    int64_t size = manager->getUrlCacheSize();
     if (size == -1) {
         *error = URL_DOWNLOADER_ERROR_CACHE_SIZE_FAILED;
         return false;

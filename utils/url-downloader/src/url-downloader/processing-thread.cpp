@@ -1,5 +1,6 @@
 #include <errno.h>
 #include <poll.h>
+#include <inttypes.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -75,8 +76,9 @@ void _url_downloader_process_download_response(url_downloader_api_h api, url_dow
         } else {
             // Every successful download is offered to the cache, whether or
             // not the request consulted it.
-            long now = (long)time(NULL);
-            long expiry = info->expiryTime;
+            // 64-bit: now + 180 days must not wrap where time_t is 32 bits.
+            int64_t now = (int64_t)time(NULL);
+            int64_t expiry = info->expiryTime;
             if (now >= expiry)
                 expiry = now + DEFAULT_CACHE_LIFETIME;
             url_downloader_cache record;
@@ -87,7 +89,8 @@ void _url_downloader_process_download_response(url_downloader_api_h api, url_dow
             record.downloadtime = now;
             record.expirytime = expiry;
             record.appname = api->service != NULL ? api->service->appName : NULL;
-            UD_DEBUG("Adding to cache \n[ URL=%s,\n filesize=%ld,\n appid=%s,\n downloadtime=%ld,\n expirytime=%ld, "
+            UD_DEBUG("Adding to cache \n[ URL=%s,\n filesize=%" PRId64 ",\n appid=%s,\n downloadtime=%" PRId64
+                     ",\n expirytime=%" PRId64 ", "
                      "filepath=%s]\n",
                      printable(record.url), record.filesize, printable(record.appname), record.downloadtime,
                      record.expirytime, printable(record.filepath));

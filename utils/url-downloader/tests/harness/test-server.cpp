@@ -1,6 +1,8 @@
 #include "test-server.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cctype>
 #include <condition_variable>
@@ -11,6 +13,7 @@
 #include <netinet/in.h>
 #include <set>
 #include <sstream>
+#include <vector>
 #include <stdexcept>
 #include <sys/stat.h>
 
@@ -177,7 +180,16 @@ MHD_Result Answer(void* cls, MHD_Connection* connection, const char* url, const 
     }
 
     MHD_Response* response = nullptr;
-    if (!r->chunked && r->stall_after < 0 && r->drop_after < 0) {
+    if (!r->file.empty()) {
+        const int fd = open(r->file.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat info {};
+        if (fd < 0 || fstat(fd, &info) != 0) {
+            if (fd >= 0)
+                close(fd);
+            return MHD_NO;
+        }
+        response = MHD_create_response_from_fd64(static_cast<uint64_t>(info.st_size), fd); // takes the descriptor
+    } else if (!r->chunked && r->stall_after < 0 && r->drop_after < 0) {
         response = MHD_create_response_from_buffer(r->body.size(), const_cast<char*>(r->body.data()),
                                                    MHD_RESPMEM_MUST_COPY);
     } else {
@@ -209,23 +221,28 @@ TestServer::TestServer(bool https) : state_(new State)
     // poll(), not select(): load tests open more than FD_SETSIZE descriptors.
     unsigned int flags =
         MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL | MHD_USE_ERROR_LOG;
+    // A small stack per connection thread: thousands of held connections
+    // must fit in a 32-bit address space.
+    std::vector<MHD_OptionItem> options = {
+        {MHD_OPTION_SOCK_ADDR, 0, &addr},
+        {MHD_OPTION_URI_LOG_CALLBACK, reinterpret_cast<intptr_t>(OnRequestLine), nullptr},
+        {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(OnCompleted), nullptr},
+        {MHD_OPTION_CONNECTION_TIMEOUT, 120, nullptr},
+        {MHD_OPTION_CONNECTION_LIMIT, 16000, nullptr},
+        {MHD_OPTION_THREAD_STACK_SIZE, 256 * 1024, nullptr},
+    };
     if (https) {
         s->cert = Slurp(UD_TEST_CERT);
         s->key = Slurp(UD_TEST_KEY);
         if (s->cert.empty() || s->key.empty())
             throw std::runtime_error("cannot read the test certificate " UD_TEST_CERT " or its key");
-        s->daemon = MHD_start_daemon(
-            flags | MHD_USE_TLS, 0, nullptr, nullptr, Answer, s, MHD_OPTION_SOCK_ADDR, &addr,
-            MHD_OPTION_URI_LOG_CALLBACK, OnRequestLine, nullptr, MHD_OPTION_NOTIFY_COMPLETED, OnCompleted,
-            nullptr, MHD_OPTION_CONNECTION_TIMEOUT, 120u, MHD_OPTION_CONNECTION_LIMIT, 16000u, MHD_OPTION_HTTPS_MEM_KEY, s->key.c_str(),
-            MHD_OPTION_HTTPS_MEM_CERT, s->cert.c_str(), MHD_OPTION_END);
-    } else {
-        s->daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, Answer, s, MHD_OPTION_SOCK_ADDR, &addr,
-                                     MHD_OPTION_URI_LOG_CALLBACK, OnRequestLine, nullptr,
-                                     MHD_OPTION_NOTIFY_COMPLETED, OnCompleted, nullptr,
-                                     MHD_OPTION_CONNECTION_TIMEOUT, 120u, MHD_OPTION_CONNECTION_LIMIT, 16000u,
-                                     MHD_OPTION_END);
+        flags |= MHD_USE_TLS;
+        options.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, const_cast<char*>(s->key.c_str())});
+        options.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, const_cast<char*>(s->cert.c_str())});
     }
+    options.push_back({MHD_OPTION_END, 0, nullptr});
+    s->daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, Answer, s, MHD_OPTION_ARRAY, options.data(),
+                                 MHD_OPTION_END);
     if (s->daemon == nullptr)
         throw std::runtime_error("cannot start the test server");
     const MHD_DaemonInfo* info = MHD_get_daemon_info(s->daemon, MHD_DAEMON_INFO_BIND_PORT);

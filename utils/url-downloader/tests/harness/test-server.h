@@ -28,6 +28,7 @@ public:
         bool chunked = false;       // chunked transfer coding instead of a Content-Length
         long long stall_after = -1; // >= 0: send that many body bytes, then wait for Release()
         long long drop_after = -1;  // >= 0: send that many body bytes, then close the connection
+        std::string file{};         // non-empty: the body is this file's content instead (any size)
     };
 
     struct Request {
