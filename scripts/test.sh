@@ -1,16 +1,33 @@
 #!/usr/bin/env bash
-# Builds the library and runs the whole test suite three times: plain,
-# under AddressSanitizer+UBSan (with LeakSanitizer) and under ThreadSanitizer.
+# Builds the library and runs the whole test suite four times: plain, under
+# AddressSanitizer+UBSan (with LeakSanitizer), under ThreadSanitizer, and
+# cross-built for the device (32-bit ARM, armhf) under qemu-user.
 # Any failing test or sanitizer report fails the command.
-#   scripts/test.sh              all three runs
-#   scripts/test.sh default      only the named runs (default, asan, tsan)
+#   scripts/test.sh              all four runs
+#   scripts/test.sh default      only the named runs (default, asan, tsan, armhf)
+# UD_SKIP_ARMHF=1 leaves the armhf run out, and says so at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/deps.sh
 ud_install_deps
 
 runs=("$@")
-[ ${#runs[@]} -eq 0 ] && runs=(default asan tsan)
+[ ${#runs[@]} -eq 0 ] && runs=(default asan tsan armhf)
+skipped=()
+if [ "${UD_SKIP_ARMHF:-0}" = 1 ] && [[ " ${runs[*]} " == *" armhf "* ]]; then
+    runs=("${runs[@]/armhf/}")
+    skipped+=(armhf)
+fi
+if [[ " ${runs[*]} " == *" armhf "* ]]; then
+    # The cross compiler and the emulator come from the host's own packages;
+    # the target's libraries go into a private sysroot (cached).
+    ud_install_deps g++-arm-linux-gnueabihf qemu-user-static
+    echo "=== armhf: sysroot"
+    start=$SECONDS
+    UD_ARMHF_SYSROOT=$(bash scripts/armhf-sysroot.sh | tail -n 1)
+    export UD_ARMHF_SYSROOT
+    echo "sysroot ready in $((SECONDS - start)) s: $UD_ARMHF_SYSROOT"
+fi
 
 # Reports abort the test process, so ctest sees a failure.
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:halt_on_error=1:detect_stack_use_after_return=1:strict_string_checks=1"
@@ -21,6 +38,7 @@ export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:exitcode=66"
 jobs=$(( $(nproc) * 2 ))
 failed=()
 for preset in "${runs[@]}"; do
+    [ -n "$preset" ] || continue
     echo "=== ${preset}: configure and build"
     cmake --preset "$preset" >/dev/null
     cmake --build --preset "$preset"
@@ -35,3 +53,6 @@ if [ ${#failed[@]} -ne 0 ]; then
     exit 1
 fi
 echo "All runs passed: ${runs[*]}"
+if [ ${#skipped[@]} -ne 0 ]; then
+    echo "!!! SKIPPED runs (UD_SKIP_ARMHF=1): ${skipped[*]} - the device's build was NOT tested !!!"
+fi

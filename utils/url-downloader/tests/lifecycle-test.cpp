@@ -57,9 +57,9 @@ TEST(Lifecycle, RacingFirstRegistrationsStartTheLibraryOnce)
         t.join();
     EXPECT_EQ(std::vector<int>(8, 0), results);
     EXPECT_EQ(1u, log.Count(kDebug, "_url_downloader_create_pipe", "Pipe created succesfully\n"));
-    EXPECT_EQ(threads + 2, Entries("/proc/self/task")); // the processing and the transfer thread
+    EXPECT_EQ(threads + 2, Entries("/proc/self/task", threads + 2)); // the processing and the transfer thread
     url_downloader_finalize();
-    EXPECT_EQ(threads, Entries("/proc/self/task"));
+    EXPECT_EQ(threads, Entries("/proc/self/task", threads));
 }
 
 TEST(Lifecycle, CallsMadeWhileFinalizingAreRefused)

@@ -56,7 +56,15 @@ public:
             if (std::strncmp(*e, "LD_PRELOAD=", 11) && std::strncmp(*e, "ASAN_OPTIONS=", 13) &&
                 std::strncmp(*e, "TSAN_OPTIONS=", 13))
                 env.push_back(*e);
-        std::vector<char*> argv{const_cast<char*>(program.c_str())}, envp;
+        // A cross-built client runs through the emulator (no binfmt here).
+        std::vector<std::string> emulated;
+        std::istringstream emulator(UD_CLI_EMULATOR);
+        for (std::string word; emulator >> word;)
+            emulated.push_back(word);
+        std::vector<char*> argv, envp;
+        for (std::string& word : emulated)
+            argv.push_back(&word[0]);
+        argv.push_back(const_cast<char*>(program.c_str()));
         for (const std::string& a : args)
             argv.push_back(const_cast<char*>(a.c_str()));
         for (std::string& e : env)
@@ -70,7 +78,7 @@ public:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, out[1], 1);
         posix_spawn_file_actions_addopen(&actions, 2, err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        EXPECT_EQ(posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data()), 0);
+        EXPECT_EQ(posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data()), 0);
         posix_spawn_file_actions_destroy(&actions);
         close(out[1]);
         fd_ = out[0];

@@ -3,11 +3,20 @@
 # against the installed tree with pkg-config and with CMake's find_package,
 # and runs both (they register and finalize; no network).
 #   install-test.sh BUILD_DIR DB_REDIRECT_LIBRARY [SANITIZER_FLAGS]
+# A cross build also sets TOOLCHAIN, SYSROOT and EMULATOR (words of a command
+# that runs the target's programs).
 set -euo pipefail
 build=$1 redirect=$2 sanitize=${3:-} cmake=${CMAKE:-cmake}
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 prefix=$tmp/prefix
+read -r -a emulator <<<"${EMULATOR:-}"
+cross_cc=() cross_cmake=()
+if [ -n "${SYSROOT:-}" ]; then
+    cross_cc=(--sysroot="$SYSROOT")
+    # The installed tree is one more root beside the sysroot.
+    cross_cmake=(-DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN" -DUD_EXTRA_FIND_ROOT="$prefix")
+fi
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
 "$cmake" --install "$build" --prefix "$prefix" >"$tmp/install.log"
@@ -16,7 +25,7 @@ for lib in libvelmora-urldownloader libvelmora-platform; do
     [ -L "$libdir/$lib.so" ] && [ -e "$libdir/$lib.so.0" ] || fail "$lib: links missing or dangling"
 done
 [ -f "$prefix/include/url-downloader.h" ] || fail "public header not installed"
-"$prefix/bin/url-downloader" --help >/dev/null || fail "installed client does not run"
+"${emulator[@]}" "$prefix/bin/url-downloader" --help >/dev/null || fail "installed client does not run"
 
 mkdir "$tmp/project"
 cat >"$tmp/project/tiny.c" <<'EOF'
@@ -46,16 +55,16 @@ EOF
 check() {
     local out
     out=$(LD_PRELOAD=$redirect UD_TEST_DB_DIR=$tmp \
-          ASAN_OPTIONS="${ASAN_OPTIONS:-}:verify_asan_link_order=0" "$1") || fail "$1 failed"
+          ASAN_OPTIONS="${ASAN_OPTIONS:-}:verify_asan_link_order=0" "${emulator[@]}" "$1") || fail "$1 failed"
     [ "$out" = "registered and finalized" ] || fail "$1 printed '$out'"
 }
 
 # shellcheck disable=SC2046,SC2086
-"${CC:-gcc}" -std=c99 -Wall -Wextra -Werror $sanitize "$tmp/project/tiny.c" -o "$tmp/tiny-pc" \
+"${CC:-gcc}" "${cross_cc[@]}" -std=c99 -Wall -Wextra -Werror $sanitize "$tmp/project/tiny.c" -o "$tmp/tiny-pc" \
     $(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs velmora-urldownloader) -Wl,-rpath,"$libdir"
 check "$tmp/tiny-pc"
 
-"$cmake" -S "$tmp/project" -B "$tmp/project/build" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="$sanitize" \
+"$cmake" -S "$tmp/project" -B "$tmp/project/build" "${cross_cmake[@]}" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="$sanitize" \
     >"$tmp/cmake.log" 2>&1 && "$cmake" --build "$tmp/project/build" >>"$tmp/cmake.log" 2>&1 ||
     { cat "$tmp/cmake.log"; fail "find_package project does not build"; }
 check "$tmp/project/build/tiny"

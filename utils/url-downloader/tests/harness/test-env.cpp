@@ -49,10 +49,17 @@ void* PlatformSymbol(const char* name)
     return platform != nullptr ? dlsym(platform, name) : nullptr;
 }
 
-size_t Entries(const char* dir)
+size_t Entries(const char* dir, size_t expected)
 {
-    auto it = std::filesystem::directory_iterator(dir);
-    return (size_t)std::distance(it, std::filesystem::directory_iterator());
+    size_t n = 0;
+    for (int i = 0; i < 500; ++i) {
+        auto it = std::filesystem::directory_iterator(dir);
+        n = (size_t)std::distance(it, std::filesystem::directory_iterator());
+        if (expected == SIZE_MAX || n == expected)
+            break;
+        usleep(10000);
+    }
+    return n;
 }
 
 } // namespace ud_test

@@ -2,12 +2,14 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace ud_test {
 
-// Load sizes are divided by this under a sanitizer, which is several times slower.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// Load sizes are divided by this under a sanitizer or on ARM (emulated or
+// the device itself), several times slower.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
 constexpr int kScale = 2;
 #else
 constexpr int kScale = 1;
@@ -15,7 +17,9 @@ constexpr int kScale = 1;
 
 // Number of entries in a folder, e.g. "/proc/self/task" (threads) or
 // "/proc/self/fd" (descriptors).
-size_t Entries(const char* dir);
+// With expected given, reads again for up to 5 s until the count is that:
+// a thread that has been joined can stay listed for a moment (under qemu).
+size_t Entries(const char* dir, size_t expected = SIZE_MAX);
 
 // The test process's own temporary folder, made on first use and removed
 // with its contents when the process exits.
