@@ -52,7 +52,7 @@ void* PlatformSymbol(const char* name)
 size_t Entries(const char* dir, size_t expected)
 {
     size_t n = 0;
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < 300; ++i) {
         auto it = std::filesystem::directory_iterator(dir);
         n = (size_t)std::distance(it, std::filesystem::directory_iterator());
         if (expected == SIZE_MAX || n == expected)

@@ -17,7 +17,7 @@ constexpr int kScale = 1;
 
 // Number of entries in a folder, e.g. "/proc/self/task" (threads) or
 // "/proc/self/fd" (descriptors).
-// With expected given, reads again for up to 5 s until the count is that:
+// With expected given, reads again for up to 3 s until the count is that:
 // a thread that has been joined can stay listed for a moment (under qemu).
 size_t Entries(const char* dir, size_t expected = SIZE_MAX);
 
