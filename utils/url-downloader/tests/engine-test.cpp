@@ -261,7 +261,7 @@ TEST_F(Engine, HandlesLibcurlKeepsOrNobodyOwnsAreReleased)
     curl_multi_add_handle(other, easy);
     auto* stuck = Request(server_.Url("/never"), TempPath("never"));
     auto* record = (url_downloader_curl_pvt_data*)calloc(1, sizeof(url_downloader_curl_pvt_data));
-    *record = {strdup(stuck->filePath), nullptr, 0, 0, stuck, easy};
+    *record = {strdup(stuck->filePath), nullptr, nullptr, 0, 0, stuck, easy};
     WithLock([&] { UrlDownloader::activeTransactions = g_list_prepend(UrlDownloader::activeTransactions, record); });
     EXPECT_TRUE(engine_->DownloaderCancelRequest(stuck));
     EXPECT_FALSE(engine_->DownloaderCancelRequest(stuck));

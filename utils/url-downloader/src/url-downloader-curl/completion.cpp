@@ -38,11 +38,7 @@ void _url_downloader_response_cb(CURL* easy_handle, void* user_data, CURLcode re
     url_downloader_curl_pvt_data* data = (url_downloader_curl_pvt_data*)user_data;
 
     // stdio buffers the last chunk of the body: a full disk shows up here.
-    bool close_failed = false;
-    if (data->fileHandle != NULL) {
-        close_failed = fclose(data->fileHandle) != 0;
-        data->fileHandle = NULL;
-    }
+    bool close_failed = !_url_downloader_close_file(data);
 
     long status = 0;
     curl_easy_getinfo(easy_handle, CURLINFO_RESPONSE_CODE, &status);

@@ -9,6 +9,8 @@
 
 #include "url-downloader-common.h"
 
+struct url_downloader_curl_pvt_data;
+
 extern "C" {
 /* Transfer thread body; arg is the engine object. Returns NULL (0). */
 UD_EXPORT void* url_downloader_download_loop(void* arg);
@@ -17,6 +19,10 @@ UD_EXPORT size_t url_downloader_body_parser(void* data, size_t size, size_t nmem
 /* libcurl header callback: takes the expiry time from Expires / Cache-Control max-age. */
 UD_EXPORT size_t url_downloader_header_parser(char* line, size_t size, size_t nmemb, void* user_data);
 }
+
+/* Closes the record's destination file, if open, and frees its buffer.
+ * False when the close failed (stdio's last write: a full disk shows here). */
+bool _url_downloader_close_file(url_downloader_curl_pvt_data* record);
 
 /* Judges one finished transfer and builds its response message for the
  * processing thread. The message is queued on the calling thread and written

@@ -14,10 +14,7 @@ url_downloader_proxy_source_t proxy_source = NULL;
 // must already be gone or be released by the caller.
 void free_record(url_downloader_curl_pvt_data* data)
 {
-    if (data->fileHandle != NULL) {
-        fclose(data->fileHandle); // a partly written file stays on disk
-        data->fileHandle = NULL;
-    }
+    _url_downloader_close_file(data); // a partly written file stays on disk
     free(data->filePath);
     data->filePath = NULL;
     free(data);
@@ -166,10 +163,7 @@ void _url_downloader_teardown_transaction(UrlDownloader* engine, url_downloader_
             // it off from its request and its file. A body write now fails
             // for want of a path, which aborts the transfer.
             data->apiHandle = NULL;
-            if (data->fileHandle != NULL) {
-                fclose(data->fileHandle);
-                data->fileHandle = NULL;
-            }
+            _url_downloader_close_file(data);
             free(data->filePath);
             data->filePath = NULL;
             return;

@@ -25,6 +25,7 @@ void _url_downloader_set_proxy_source(url_downloader_proxy_source_t source);
 typedef struct url_downloader_curl_pvt_data {
     char* filePath;               /* engine's copy of the destination path, or NULL */
     FILE* fileHandle;             /* destination, opened on the first body write */
+    char* fileBuffer;             /* its stdio buffer when the body is large, else NULL */
     int64_t expiryTime;           /* 0 none seen, -1 unparsable Expires date */
     int64_t fileSize;             /* body bytes written so far */
     url_downloader_api_h apiHandle; /* the request served; not owned */
