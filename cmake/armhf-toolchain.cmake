@@ -20,6 +20,10 @@ set(CMAKE_AR arm-linux-gnueabihf-ar)
 set(CMAKE_RANLIB arm-linux-gnueabihf-ranlib)
 set(CMAKE_STRIP arm-linux-gnueabihf-strip)
 set(CMAKE_SYSROOT "${UD_ARMHF_SYSROOT}")
+# gcc notes that the ABI for passing some structures changed in GCC 7.1; we
+# build everything with one compiler, so the note tells us nothing.
+set(CMAKE_C_FLAGS_INIT "-Wno-psabi")
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
 set(CMAKE_FIND_ROOT_PATH "${UD_ARMHF_SYSROOT}")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
