@@ -7,7 +7,7 @@
 
 namespace udcli {
 
-enum class Command { Help, Get, Clean };
+enum class Command { Help, Get, Clean, CacheList };
 
 // One download asked for on the command line.
 struct DownloadArg {
@@ -18,7 +18,9 @@ struct DownloadArg {
 struct Options {
     Command command = Command::Help;
     bool use_cache = false;
+    bool verbose = false;
     std::string app = "url-downloader";
+    bool app_given = false;
     std::optional<std::string> proxy;
     std::string out_dir; // absolute
     std::vector<DownloadArg> downloads;

@@ -1,6 +1,7 @@
 // url-downloader: command-line client of libvelmora-urldownloader.
 #include <glib-unix.h>
 #include <glib.h>
+#include <fcntl.h>
 #include <glib/gstdio.h>
 #include <signal.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "cache-list.h"
 #include "cli-options.h"
 #include "progress.h"
 #include "url-downloader.h"
@@ -43,6 +45,37 @@ const char* ErrorName(int error)
     case URL_DOWNLOADER_ERROR_INVALID_NETWORK_CONFIG: return "URL_DOWNLOADER_ERROR_INVALID_NETWORK_CONFIG";
     default: return "UNKNOWN_ERROR";
     }
+}
+
+// The client's own messages: standard error, or a copy of it while standard
+// error itself is silenced.
+std::FILE* g_err = stderr;
+
+// The library turns libcurl's trace on for every transfer, and its log and
+// the trace both write to standard error: shown only when asked for.
+void SetUpStandardError(bool verbose)
+{
+    if (verbose) {
+        // Before the library's first line: the device's log reads it once.
+        g_setenv("VELMORA_LOG_STDERR", "1", TRUE);
+        // Some thirty trace writes per download: batch them into few.
+        if (isatty(STDERR_FILENO) == 0)
+            std::setvbuf(stderr, nullptr, _IOFBF, 1 << 16);
+        return;
+    }
+    const int own = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    std::FILE* copy = own >= 0 ? fdopen(own, "w") : nullptr;
+    if (copy != nullptr && null >= 0 && dup2(null, STDERR_FILENO) >= 0) {
+        std::setvbuf(copy, nullptr, _IOLBF, 0);
+        g_err = copy;
+    } else if (copy != nullptr) {
+        std::fclose(copy);
+    } else if (own >= 0) {
+        close(own);
+    }
+    if (null >= 0)
+        close(null);
 }
 
 void PrintUsageHint(const std::string& problem)
@@ -111,6 +144,8 @@ gboolean OnSignal(gpointer data)
 {
     Run* run = static_cast<Run*>(data);
     run->interrupted = true;
+    // Another signal may end the process before main returns.
+    std::fflush(stderr);
     g_main_loop_quit(run->loop);
     return G_SOURCE_CONTINUE;
 }
@@ -120,7 +155,7 @@ bool MakeParentFolder(const std::string& path)
     gchar* dir = g_path_get_dirname(path.c_str());
     const bool ok = g_mkdir_with_parents(dir, 0755) == 0;
     if (!ok)
-        std::fprintf(stderr, "url-downloader: cannot create folder '%s': %s\n", dir, g_strerror(errno));
+        std::fprintf(g_err, "url-downloader: cannot create folder '%s': %s\n", dir, g_strerror(errno));
     g_free(dir);
     return ok;
 }
@@ -180,7 +215,7 @@ int RunGet(const Options& options)
     url_downloader_h service = nullptr;
     url_downloader_error rc = url_downloader_register(options.app.c_str(), OnResult, &config, &service);
     if (rc != URL_DOWNLOADER_ERROR_NONE) {
-        std::fprintf(stderr, "url-downloader: registration failed: %s\n", ErrorName(rc));
+        std::fprintf(g_err, "url-downloader: registration failed: %s\n", ErrorName(rc));
         url_downloader_finalize();
         return 1;
     }
@@ -234,7 +269,7 @@ int RunClean(const Options& options)
         rc = url_downloader_clean(service);
     url_downloader_finalize();
     if (rc != URL_DOWNLOADER_ERROR_NONE) {
-        std::fprintf(stderr, "url-downloader: cleaning the cache rows of '%s' failed: %s\n", options.app.c_str(),
+        std::fprintf(g_err, "url-downloader: cleaning the cache rows of '%s' failed: %s\n", options.app.c_str(),
                      ErrorName(rc));
         return 1;
     }
@@ -254,14 +289,27 @@ int main(int argc, char** argv)
         udcli::PrintUsageHint(problem);
         return 2;
     }
-    switch (options.command) {
-    case udcli::Command::Help:
+    if (options.command == udcli::Command::Help) {
         std::fputs(udcli::UsageText(), stdout);
         return 0;
-    case udcli::Command::Get:
-        return udcli::RunGet(options);
-    case udcli::Command::Clean:
-        return udcli::RunClean(options);
     }
-    return 2;
+    udcli::SetUpStandardError(options.verbose);
+    int status = 2;
+    switch (options.command) {
+    case udcli::Command::Get:
+        status = udcli::RunGet(options);
+        break;
+    case udcli::Command::Clean:
+        status = udcli::RunClean(options);
+        break;
+    case udcli::Command::CacheList:
+        status = udcli::ListCache(options.app_given ? std::optional<std::string>(options.app) : std::nullopt,
+                                  stdout, udcli::g_err);
+        break;
+    case udcli::Command::Help:
+        break;
+    }
+    std::fflush(stdout);
+    std::fflush(stderr);
+    return status;
 }

@@ -10,12 +10,14 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "test-db.h"
@@ -31,11 +33,12 @@ using ud_test::TestServer;
 using Clock = std::chrono::steady_clock;
 using Fields = std::vector<std::string>;
 
-// A client program with its standard output on a pipe and its standard error
-// in a file.
+// A client program with its standard output on a pipe, its standard error in
+// a file and its standard input from the file input, if given.
 class Process {
 public:
-    explicit Process(const std::vector<std::string>& args, const std::string& program = UD_CLI_PROGRAM)
+    explicit Process(const std::vector<std::string>& args, const std::string& program = UD_CLI_PROGRAM,
+                     const std::string& input = "")
         : err_path_(ud_test::TempPath("stderr-" + std::to_string(++count_)))
     {
         EXPECT_TRUE(ud_test::FileExists(UD_CLI_DB_REDIRECT)) << "the database redirection must be built";
@@ -78,6 +81,8 @@ public:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, out[1], 1);
         posix_spawn_file_actions_addopen(&actions, 2, err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (!input.empty())
+            posix_spawn_file_actions_addopen(&actions, 0, input.c_str(), O_RDONLY, 0);
         EXPECT_EQ(posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data()), 0);
         posix_spawn_file_actions_destroy(&actions);
         close(out[1]);
@@ -164,6 +169,7 @@ TEST(CliArguments, BadArgumentsExitTwoWithAnErrorAndAHintAndTouchNothing)
         {"get", url + "="}, {"get", url + "=" + dir + "/"}, {"get", "ftp://127.0.0.1/a"}, {"get", "http:///a"},
         {"get", "-o", dir, url, server.Url("/b/a")}, // one destination twice
         {"clean"}, {"clean", "--app", "x", url}, {"clean", "--cache", "--app", "x"},
+        {"cache"}, {"cache", "list", url}, {"cache", "clean"}, {"get", "-i", dir + "/absent"},
     };
     for (const auto& args : cases) {
         Process client(args);
@@ -268,6 +274,93 @@ TEST(CliProgress, PlainLinesWithoutControlCodesWhileATransferRuns)
     ASSERT_EQ(client.Wait(), 0) << client.Err();
     EXPECT_EQ(client.Out().find_first_of("\r\033"), std::string::npos);
     EXPECT_EQ(Results(client.Out()).size(), 2u);
+}
+
+TEST(CliGet, StandardErrorShowsTheLogAndTraceOnlyWhenVerbose)
+{
+    TestServer server;
+    server.Route("/q.txt", {200, {}, "quiet"});
+    const std::string url = server.Url("/q.txt"), blocker = ud_test::TempPath("blocker");
+    std::ofstream(blocker) << "a file where a folder is needed";
+    // Arguments, exit status, verbose, and the client's own message in a quiet run.
+    const std::vector<std::tuple<std::vector<std::string>, int, bool, std::string>> cases = {
+        {{"get", url + "=" + ud_test::TempPath("q1")}, 0, false, ""},
+        {{"get", "-v", url + "=" + ud_test::TempPath("q2")}, 0, true, ""},
+        {{"get", url + "=" + blocker + "/q"}, 1, false, "url-downloader: cannot create folder '" + blocker + "'"},
+    };
+    for (const auto& [args, status, verbose, own] : cases) {
+        Process client(args);
+        EXPECT_EQ(client.Wait(), status);
+        const std::string err = client.Err();
+        EXPECT_EQ(err.find("> GET /q.txt") != std::string::npos, verbose) << err;        // libcurl's trace
+        EXPECT_EQ(err.find("/URL-Downloader: ") != std::string::npos, verbose) << err; // the library's log
+        EXPECT_TRUE(verbose || (err.rfind(own, 0) == 0 && Split(err, '\n').size() == (own.empty() ? 0u : 1u))) << err;
+    }
+}
+
+TEST(CliGet, InputListsAddTheirLinesAndABadLineIsNamed)
+{
+    TestServer server;
+    server.Route("/a.txt", {200, {}, "A"});
+    server.Route("/b.txt", {200, {}, "B"});
+    const std::string dir = ud_test::TempPath("listed"), list = ud_test::TempPath("list");
+    const std::string a = server.Url("/a.txt"), b = server.Url("/b.txt");
+    const std::string good = "# " + a + "\n\n \t" + b + "=sub/b \r\n";
+    std::string many;
+    for (int i = 0; i < 10000; ++i)
+        many += server.Url("/n" + std::to_string(i)) + "\n";
+    // Lines, given on standard input, and what the error names after the list (none: success).
+    const std::vector<std::tuple<std::string, bool, std::string>> cases = {
+        {good, false, ""},
+        {good, true, ""},
+        {good + "ftp://127.0.0.1/c\n", false, ":4: unsupported URL"},
+        {"\n" + a + "\n", true, ":2: two downloads would write the same file"}, // a is on the command line too
+        {many + "=x\n", false, ":10001: missing URL"},
+    };
+    for (const auto& [lines, on_stdin, bad] : cases) {
+        std::ofstream(list) << lines;
+        const std::string name = on_stdin ? "-" : list;
+        Process client({"get", "-o", dir, a, "-i", name}, UD_CLI_PROGRAM, list);
+        EXPECT_EQ(client.Wait(), bad.empty() ? 0 : 2) << client.Err();
+        EXPECT_EQ(Results(client.Out()),
+                  bad.empty() ? (std::vector<Fields>{{a, dir + "/a.txt", "1", "URL_DOWNLOADER_ERROR_NONE", "network"},
+                                                     {b, dir + "/sub/b", "1", "URL_DOWNLOADER_ERROR_NONE", "network"}})
+                              : std::vector<Fields>{});
+        EXPECT_TRUE(bad.empty() || client.Err().rfind("url-downloader: " + name + bad, 0) == 0) << client.Err();
+    }
+}
+
+TEST(CliCache, ListShowsTheRowsAndTheirFilesByApplication)
+{
+    TestServer server;
+    // The header's date is taken as local time and shown back as such; a zone
+    // away from UTC makes a mix-up visible.
+    setenv("TZ", "IST-5:30", 1);
+    const std::vector<std::pair<std::string, std::string>> expires = {{"Expires", "Fri, 01 Nov 2030 13:05:00 GMT"}};
+    server.Route("/one.bin", {200, expires, "first"});
+    server.Route("/two.bin", {200, expires, "second"});
+    const std::string one = ud_test::TempPath("one.bin"), two = ud_test::TempPath("two.bin");
+    for (const char* suffix : {"", "-wal", "-shm"})
+        std::remove((ud_test::CacheDbPath() + suffix).c_str());
+
+    auto list = [](std::vector<std::string> args) {
+        args.insert(args.begin(), {"cache", "list"});
+        Process client(args);
+        EXPECT_EQ(client.Wait(), 0) << client.Err();
+        return Split(client.Out(), '\n');
+    };
+    const std::string header = "APP\tURL\tPATH\tSIZE\tEXPIRES\tFILE";
+    EXPECT_EQ(list({}), Fields{header}); // no table yet
+    EXPECT_EQ(Process({"get", "--cache", "--app", "a1", server.Url("/one.bin") + "=" + one}).Wait(), 0);
+    EXPECT_EQ(Process({"get", "--cache", "--app", "a2", server.Url("/two.bin") + "=" + two}).Wait(), 0);
+    const std::string row1 = "a1\t" + server.Url("/one.bin") + "\t" + one + "\t5\t2030-11-01 13:05:00\t";
+    const std::string row2 = "a2\t" + server.Url("/two.bin") + "\t" + two + "\t6\t2030-11-01 13:05:00\t";
+    EXPECT_EQ(list({}), (Fields{header, row1 + "present", row2 + "present"}));
+    EXPECT_EQ(list({"--app", "a2"}), (Fields{header, row2 + "present"}));
+    std::remove(one.c_str());
+    std::ofstream(two, std::ios::app) << "more";
+    EXPECT_EQ(list({"--app", "a1"}), (Fields{header, row1 + "missing"}));
+    EXPECT_EQ(list({"--app", "a2"}), (Fields{header, row2 + "changed"}));
 }
 
 TEST(CliExample, MinimalClientDownloadsOneFile)
