@@ -1,0 +1,266 @@
+#!/usr/bin/env bash
+# Benchmark: the url-downloader client against curl (the same libcurl) on a
+# private nginx over loopback, and the library's cache-hit latency, memory per
+# outstanding request and submission cost (url-downloader-bench).
+#
+#   bash scripts/bench.sh
+#
+# Environment:
+#   UD_BENCH_REPS=5         repetitions of each download workload
+#   UD_BENCH_BUILD=DIR      build folder whose client and library are measured,
+#                           e.g. an older build (default: the tool build below)
+#   UD_BENCH_TOOL_BUILD=DIR where this checkout is configured with the default
+#                           preset and built (default: build/default); it gives
+#                           url-downloader-bench when UD_BENCH_BUILD has none
+#   UD_BENCH_TMP=DIR        parent of the private work folder (default: /var/tmp);
+#                           it must be on the same disk as /work
+#
+# Runs as root: every measurement runs in a private mount namespace where a
+# folder of the work folder covers /opt/dbspace, so the device cache database
+# is never touched.
+set -euo pipefail
+
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+SCRIPT="$ROOT/scripts/bench.sh"
+
+die() {
+    echo "bench: $*" >&2
+    exit 1
+}
+
+now() { echo "$EPOCHREALTIME"; }
+elapsed() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", b - a }'; }
+median() { printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { m = NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2; print m }'; }
+best() { printf '%s\n' "$@" | sort -g | head -n 1; }
+add() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", a + b }'; }
+ratio() { awk -v r="$1" -v c="$2" 'BEGIN { x = c > 0 ? r / c : 0; printf "%.2f", x }'; }
+field() { sed -n "s/.*[[:space:]]$1=\([^[:space:]]*\).*/\1/p" <<<"$2"; }
+
+# Everything below runs inside the private mount namespace.
+measure() {
+    cd "$WORK"
+    local db="$WORK/opt/dbspace"
+    mkdir -p "$db"
+    if [ -d /opt/dbspace ]; then
+        mount --bind "$db" /opt/dbspace
+    else
+        # No folder to cover: cover /opt itself (in this namespace only), so
+        # nothing is created on the host.
+        mount --bind "$WORK/opt" /opt
+    fi
+    [ "$(stat -c %d:%i /opt/dbspace)" = "$(stat -c %d:%i "$db")" ] ||
+        die "could not put a private folder over /opt/dbspace"
+
+    local reps="$UD_BENCH_REPS" out="$WORK/out" small=() medium=() https=() i
+    for i in $(seq -f %04g 0 999); do
+        small+=("http://127.0.0.1:$HTTP_PORT/small/f$i")
+        https+=("https://127.0.0.1:$HTTPS_PORT/small/f$i")
+    done
+    for i in $(seq -f %03g 0 99); do medium+=("http://127.0.0.1:$HTTP_PORT/medium/f$i"); done
+    local big="http://127.0.0.1:$HTTP_PORT/big/file"
+
+    fresh() { rm -rf "$out" && mkdir -p "$out" && sync; }
+    check() { # files bytes-each what
+        local n total
+        n=$(find "$out" -type f | wc -l)
+        total=$(find "$out" -type f -printf '%s\n' | awk '{ s += $1 } END { print s + 0 }')
+        [ "$n" -eq "$1" ] && [ "$total" -eq $(($1 * $2)) ] ||
+            die "$3 left $n files of $total bytes, wanted $1 of $2 bytes each"
+    }
+    client() {
+        "$CLIENT" get -o "$out" "$@" >"$WORK/client.out" 2>/dev/null ||
+            die "client failed: $(tail -n 1 "$WORK/client.out")"
+    }
+    curls() { curl --parallel --parallel-max 16 -s -k --remote-name-all --output-dir "$out" "$@" 2>/dev/null; }
+
+    # name, files, bytes each, sync-cost key, aim, URLs...
+    workload() {
+        local name="$1" files="$2" bytes="$3" key="$4" aim="$5" t0 rep c=() u=() s=()
+        shift 5
+        for rep in $(seq "$reps"); do
+            fresh; t0=$(now); client "$@"; c+=("$(elapsed "$t0" "$(now)")"); check "$files" "$bytes" client
+            fresh; t0=$(now); curls "$@"; u+=("$(elapsed "$t0" "$(now)")"); check "$files" "$bytes" curl
+            if [ -z "${SYNC_COST[$key]:-}" ]; then
+                fresh
+                s+=("$(field seconds "$("$TOOL" sync-cost "$out" "$files" "$bytes")")")
+            fi
+        done
+        [ -n "${SYNC_COST[$key]:-}" ] || SYNC_COST[$key]=$(median "${s[@]}")
+        local cm um cs
+        cm=$(median "${c[@]}") um=$(median "${u[@]}")
+        cs=$(add "$um" "${SYNC_COST[$key]}")
+        ROWS+=("$(printf '%-22s %8s %8s %10s %8s %10s   %s' "$name" "$cm" "$um" "$cs" \
+            "$(ratio "$um" "$cm")" "$(ratio "$cs" "$cm")" "$aim")")
+        echo "  $name: client ${c[*]} | curl ${u[*]} | sync() x $files: ${SYNC_COST[$key]} s" >&2
+    }
+
+    declare -gA SYNC_COST=()
+    ROWS=()
+    echo "Measuring ($reps repetitions each)..." >&2
+    workload "1000 x 4 KiB" 1000 4096 small ">= 1.0 vs curl+sync" "${small[@]}"
+    workload "100 x 256 KiB" 100 262144 medium ">= 0.9 vs curl+sync" "${medium[@]}"
+    workload "HTTPS 1000 x 4 KiB" 1000 4096 small ">= 0.7 vs curl+sync" "${https[@]}"
+    # Large-file times jump between two modes on a shared machine: best of each.
+    local rep t0 c=() u=() us=() gib=1073741824
+    for rep in $(seq "$reps"); do
+        fresh; t0=$(now); client "$big"; c+=("$(elapsed "$t0" "$(now)")"); check 1 $gib client
+        fresh; t0=$(now); curl -s -o "$out/file" "$big"; u+=("$(elapsed "$t0" "$(now)")"); check 1 $gib curl
+        fresh; t0=$(now); curl -s -o "$out/file" "$big" && sync; us+=("$(elapsed "$t0" "$(now)")")
+        check 1 $gib "curl && sync"
+    done
+    echo "  1 GiB: client ${c[*]} | curl ${u[*]} | curl && sync ${us[*]}" >&2
+    local cb ub usb
+    cb=$(best "${c[@]}") ub=$(best "${u[@]}") usb=$(best "${us[@]}")
+    ROWS+=("$(printf '%-22s %8s %8s %10s %8s %10s   %s' "1 GiB (best of $reps)" "$cb" "$ub" "$usb" \
+        "$(ratio "$ub" "$cb")" "$(ratio "$usb" "$cb")" ">= 1.2 vs curl -o && sync")")
+    rm -rf "$out"
+
+    # The library figures, each in a fresh process with an empty cache.
+    echo "Library figures..." >&2
+    local lib="$WORK/lib" hit mem fin sub
+    rm -rf "${db:?}"/* "$lib" && mkdir -p "$lib"
+    hit=$("$TOOL" cache-hit "http://127.0.0.1:$HTTP_PORT/small" "$lib" 2>/dev/null) || die "cache-hit: $hit"
+    rm -rf "${db:?}"/* "$lib" && mkdir -p "$lib"
+    mem=$("$TOOL" memory "$lib" 10000 2>/dev/null) || die "memory: $mem"
+    fin=$(grep '^finalize' <<<"$mem")
+    rm -rf "${db:?}"/* "$lib" && mkdir -p "$lib"
+    sub=$("$TOOL" submit "$lib" 1000 2000 4000 8000 2>/dev/null) || die "submit: $sub"
+    rm -rf "$lib"
+
+    echo
+    echo "==================== url-downloader bench ===================="
+    echo "library:  $(readlink -f "$LIBRARY")"
+    echo "client:   $CLIENT"
+    echo "curl:     $(curl --version | head -n 1 | cut -d' ' -f1-3)"
+    echo "server:   nginx, 1 worker, HTTP/1.1 on 127.0.0.1 (HTTPS: self-signed RSA 2048, TLS, no HTTP/2)"
+    echo "disk:     $(df --output=source,fstype "$WORK" | tail -n 1 | tr -s ' ') (downloads and cache database)"
+    echo
+    echo "Downloads: seconds, median of $reps runs (1 GiB: best run); ratio = reference / client, > 1: client faster"
+    printf '%-22s %8s %8s %10s %8s %10s   %s\n' workload client curl curl+sync "vs curl" "vs c+sync" aim
+    printf '%s\n' "${ROWS[@]}"
+    echo
+    echo "client:    url-downloader get -o DIR URL... (all URLs at once; stderr to /dev/null)"
+    echo "curl:      curl --parallel --parallel-max 16 -s -k --remote-name-all --output-dir DIR URL... (stderr too)"
+    echo "curl+sync: median curl time + median total time of N sync() calls, each made right after"
+    echo "           writing one more file of the workload's size into the same folder (only the"
+    echo "           sync() calls are timed; url-downloader-bench sync-cost). HTTPS reuses the"
+    echo "           4 KiB figure. 1 GiB: 'curl -s -o FILE URL && sync' timed whole."
+    echo "Every run starts with an empty output folder and a sync (not timed)."
+    echo
+    echo "Library (url-downloader-bench, normal logging):"
+    printf '  %-44s %-36s %s\n' "cache hit, 1000 rows, one request at a time" \
+        "median $(field median_us "$hit") us, p99 $(field p99_us "$hit") us" "aim < 100 us median, < 250 us p99"
+    printf '  %-44s %s\n' "" "($(field hits "$hit") of 1000 answered from the cache)"
+    printf '  %-44s %-36s %s\n' "memory per outstanding request (10,000)" "$(field per_request_kib "$mem") KiB" \
+        "aim <= 16 KiB"
+    printf '  %-44s %s\n' "" "(VmRSS $(field rss_before_kib "$mem") -> $(field rss_after_kib "$mem") KiB;" \
+        "" "$(field callbacks_meanwhile "$mem") callbacks came meanwhile; silent loopback listener)"
+    printf '  %-44s %s\n' "finalize with them outstanding" \
+        "$(if [ "$(field returned "$fin")" = yes ]; then echo "returned in $(field ms "$fin") ms"; else echo "DID NOT RETURN in 60 s"; fi)"
+    local line first=""
+    while read -r line; do
+        local n us
+        n=$(field requests "$line") us=$(field per_request_us "$line")
+        [ -n "$first" ] || first="$us"
+        printf '  %-44s %-36s %s\n' "submission, $n requests" \
+            "$us us/request ($(field total_ms "$line") ms)" "aim linear: $(ratio "$us" "$first") x of 1000's"
+    done <<<"$sub"
+    echo "=============================================================="
+}
+
+if [ "${1:-}" = __measure ]; then
+    measure
+    exit 0
+fi
+
+[ "$(id -u)" -eq 0 ] || die "needs root: the measurements run in a private mount namespace (unshare --mount)"
+unshare --mount --propagation private true ||
+    die "cannot make a private mount namespace (unshare --mount): refusing to run next to the device cache"
+source "$ROOT/scripts/deps.sh"
+ud_install_deps nginx curl
+
+export UD_BENCH_REPS="${UD_BENCH_REPS:-5}"
+TOOL_BUILD="$(realpath -m "${UD_BENCH_TOOL_BUILD:-$ROOT/build/default}")"
+BUILD="$(realpath -m "${UD_BENCH_BUILD:-$TOOL_BUILD}")"
+targets=(url-downloader-bench)
+[ -n "${UD_BENCH_BUILD:-}" ] || targets+=(url-downloader)
+if [ -z "${UD_BENCH_BUILD:-}" ] || [ ! -x "$BUILD/bench/url-downloader-bench" ]; then
+    echo "Building ${targets[*]} in $TOOL_BUILD..." >&2
+    mkdir -p "$TOOL_BUILD"
+    log="$TOOL_BUILD/bench-build.log"
+    (cd "$ROOT" && cmake --preset default -B "$TOOL_BUILD" && cmake --build "$TOOL_BUILD" --target "${targets[@]}") \
+        >"$log" 2>&1 || { tail -n 30 "$log" >&2; die "build failed (log: $log)"; }
+fi
+export CLIENT="$BUILD/cli/url-downloader"
+export LIBRARY="$BUILD/libvelmora-urldownloader.so.0"
+export TOOL="$BUILD/bench/url-downloader-bench"
+[ -x "$TOOL" ] || TOOL="$TOOL_BUILD/bench/url-downloader-bench"
+[ -x "$CLIENT" ] && [ -e "$LIBRARY" ] && [ -x "$TOOL" ] || die "no client, library or bench program in $BUILD"
+# The bench program only uses the public interface: it runs on the library
+# under test whichever build it came from.
+export LD_LIBRARY_PATH="$BUILD${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
+
+parent="${UD_BENCH_TMP:-/var/tmp}"
+export WORK
+WORK="$(mktemp -d "$parent/ud-bench.XXXXXX")"
+NGINX_PID=""
+cleanup() {
+    [ -z "$NGINX_PID" ] || { kill "$NGINX_PID" 2>/dev/null; wait "$NGINX_PID" 2>/dev/null || true; }
+    rm -rf "$WORK"
+}
+trap cleanup EXIT
+chmod 755 "$WORK"
+[ "$(stat -c %d "$WORK")" = "$(stat -c %d /work 2>/dev/null || stat -c %d "$ROOT")" ] ||
+    die "$parent is not on the same disk as /work: set UD_BENCH_TMP"
+[ "$(stat -f -c %T "$WORK")" != tmpfs ] || die "$parent is a tmpfs: set UD_BENCH_TMP"
+
+echo "Making the test files in $WORK..." >&2
+mkdir -p "$WORK/www/small" "$WORK/www/medium" "$WORK/www/big" "$WORK/nginx" "$WORK/opt"
+head -c $((1000 * 4096)) /dev/urandom | split -b 4096 -d -a 4 - "$WORK/www/small/f"
+head -c $((100 * 262144)) /dev/urandom | split -b 262144 -d -a 3 - "$WORK/www/medium/f"
+head -c 1073741824 /dev/urandom >"$WORK/www/big/file"
+openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 \
+    -keyout "$WORK/nginx/key.pem" -out "$WORK/nginx/cert.pem" 2>/dev/null
+
+read -r HTTP_PORT HTTPS_PORT < <(python3 -c '
+import socket
+s = [socket.socket() for _ in range(2)]
+for x in s: x.bind(("127.0.0.1", 0))
+print(*[x.getsockname()[1] for x in s])')
+export HTTP_PORT HTTPS_PORT
+n="$WORK/nginx"
+cat >"$n/nginx.conf" <<EOF
+worker_processes 1;
+pid $n/nginx.pid;
+error_log $n/error.log warn;
+events { worker_connections 4096; }
+http {
+    access_log off;
+    client_body_temp_path $n/body;
+    proxy_temp_path $n/proxy;
+    fastcgi_temp_path $n/fastcgi;
+    uwsgi_temp_path $n/uwsgi;
+    scgi_temp_path $n/scgi;
+    default_type application/octet-stream;
+    sendfile on;
+    tcp_nopush on;
+    keepalive_requests 100000;
+    server { listen 127.0.0.1:$HTTP_PORT; root $WORK/www; }
+    server {
+        listen 127.0.0.1:$HTTPS_PORT ssl;
+        ssl_certificate $n/cert.pem;
+        ssl_certificate_key $n/key.pem;
+        root $WORK/www;
+    }
+}
+EOF
+nginx -p "$n/" -e "$n/error.log" -c "$n/nginx.conf" -g 'daemon off;' &
+NGINX_PID=$!
+for _ in $(seq 50); do
+    curl -sfk -o /dev/null "https://127.0.0.1:$HTTPS_PORT/small/f0000" &&
+        curl -sf -o /dev/null "http://127.0.0.1:$HTTP_PORT/small/f0000" && break
+    sleep 0.1
+done
+curl -sf -o /dev/null "http://127.0.0.1:$HTTP_PORT/small/f0000" || die "nginx did not start: $(tail -n 5 "$n/error.log")"
+
+unshare --mount --propagation private -- bash "$SCRIPT" __measure || die "the measurements failed"
