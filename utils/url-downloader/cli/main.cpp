@@ -67,6 +67,7 @@ void SetUpStandardError(bool verbose)
     const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
     std::FILE* copy = own >= 0 ? fdopen(own, "w") : nullptr;
     if (copy != nullptr && null >= 0 && dup2(null, STDERR_FILENO) >= 0) {
+        std::setvbuf(stderr, nullptr, _IOFBF, 0); // the unseen trace, in few writes
         std::setvbuf(copy, nullptr, _IOLBF, 0);
         g_err = copy;
     } else if (copy != nullptr) {

@@ -5,22 +5,24 @@
 #include "url-downloader-internal.h"
 
 namespace {
-// A body larger than this is written through a buffer of kLargeBuffer bytes,
-// so that a GiB takes thousands of write calls instead of a hundred thousand.
-// Small bodies keep stdio's default: thousands of transfers at once must not
-// cost a large buffer each.
+// Bodies announced larger than 64 KiB are written through a buffer of their
+// own, 64 KiB or (past 1 MiB) 256 KiB, so that each of libcurl's chunks costs
+// one write or less and a GiB takes thousands of write calls instead of a
+// hundred thousand. Smaller bodies keep stdio's default: thousands of small
+// transfers at once must not cost a large buffer each.
+const curl_off_t kMediumBody = 64 * 1024;
 const curl_off_t kLargeBody = 1024 * 1024;
-const size_t kLargeBuffer = 256 * 1024;
 
 void buffer_large_body(url_downloader_curl_pvt_data* record)
 {
     curl_off_t length = -1;
     if (record->easyHandle == NULL ||
         curl_easy_getinfo(record->easyHandle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK ||
-        length <= kLargeBody)
+        length <= kMediumBody)
         return;
-    record->fileBuffer = (char*)malloc(kLargeBuffer);
-    if (record->fileBuffer != NULL && setvbuf(record->fileHandle, record->fileBuffer, _IOFBF, kLargeBuffer) != 0) {
+    const size_t size = length > kLargeBody ? 256 * 1024 : 64 * 1024;
+    record->fileBuffer = (char*)malloc(size);
+    if (record->fileBuffer != NULL && setvbuf(record->fileHandle, record->fileBuffer, _IOFBF, size) != 0) {
         free(record->fileBuffer);
         record->fileBuffer = NULL;
     }
