@@ -85,6 +85,20 @@ bool AdmitFromTwoProcesses(int rows, long size)
     }
     return ok;
 }
+class CachePolicyTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        FreshCacheDb();
+        Deliveries::Clear();
+    }
+    void TearDown() override
+    {
+        url_downloader_finalize();
+        g_clock_shift = 0;
+    }
+};
+
 // Runs admit in a child process of its own, as user uid (when not -1); true
 // when it admitted its row.
 bool AdmitInChild(uid_t uid, const std::string& url)
@@ -105,7 +119,7 @@ bool AdmitInChild(uid_t uid, const std::string& url)
 
 // The cache is shared by every process of the device, whatever its user: one
 // that did not create the database still admits rows into it.
-TEST(CachePolicyTest, AnotherUserSharesTheCache)
+TEST_F(CachePolicyTest, AnotherUserSharesTheCache)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "switching to another user needs root";
@@ -123,7 +137,7 @@ TEST(CachePolicyTest, AnotherUserSharesTheCache)
     EXPECT_EQ(2, CountCacheRows());
 }
 
-TEST(CachePolicyTest, LookupAcceptsOnlyPresentSameLengthUnexpiredFiles)
+TEST_F(CachePolicyTest, LookupAcceptsOnlyPresentSameLengthUnexpiredFiles)
 {
     const long later = time(nullptr) + 3600;
     Write("resized", "12345");
@@ -170,7 +184,7 @@ TEST(CachePolicyTest, LookupAcceptsOnlyPresentSameLengthUnexpiredFiles)
     free(path);
 }
 
-TEST(CachePolicyTest, HitHandsTheCachedPathToTheClientAndMissesLeaveTheRequest)
+TEST_F(CachePolicyTest, HitHandsTheCachedPathToTheClientAndMissesLeaveTheRequest)
 {
     Write("cached", "body");
     ASSERT_TRUE(Admit("http://h/a", TempPath("cached"), 4, time(nullptr) + 60));
@@ -199,10 +213,9 @@ TEST(CachePolicyTest, HitHandsTheCachedPathToTheClientAndMissesLeaveTheRequest)
     EXPECT_EQ(3u, log.Count(kDebug, "url_downloader_get_cache_filepath", "Trying to find URL in Cache\n"));
     EXPECT_FALSE(url_downloader_check_cache(nullptr, &error));
     EXPECT_FALSE(url_downloader_add_cache(nullptr, &error));
-    url_downloader_finalize();
 }
 
-TEST(CachePolicyTest, AdmissionTrimsOnlyPastTheBudgetAndKeepsTheNewRow)
+TEST_F(CachePolicyTest, AdmissionTrimsOnlyPastTheBudgetAndKeepsTheNewRow)
 {
     LogCapture log;
     ASSERT_TRUE(Admit("big", "/big", URL_CACHE_MAX_SIZE - 100, 3000));
@@ -214,14 +227,10 @@ TEST(CachePolicyTest, AdmissionTrimsOnlyPastTheBudgetAndKeepsTheNewRow)
     EXPECT_EQ(1, CountCacheRows());
 }
 
-TEST(CachePolicyTest, TwoProcessesAdmittingAtOnceLoseNoRows)
+TEST_F(CachePolicyTest, TwoProcessesAdmittingAndTrimmingAtOnceNeverFail)
 {
     EXPECT_TRUE(AdmitFromTwoProcesses(500, 1));
-    EXPECT_EQ(1000, CountCacheRows());
-}
-
-TEST(CachePolicyTest, TwoProcessesTrimmingAtOnceNeverFail)
-{
+    EXPECT_EQ(1000, CountCacheRows()) << "rows lost";
     EXPECT_TRUE(AdmitFromTwoProcesses(300, 3000000)); // a trim every other admission
 }
 
@@ -260,7 +269,7 @@ bool DownloadAll(url_downloader_h svc, const TestServer& server, const std::vect
 // Another process holding the cache's lock stalls a request at most one busy
 // wait per lookup and per admission, also on the first open of the file; a
 // lock shorter than the busy timeout loses no admission.
-TEST(CachePolicyTest, APeersLockStallsEachRequestAtMostOneBusyWait)
+TEST_F(CachePolicyTest, APeersLockStallsEachRequestAtMostOneBusyWait)
 {
     TestServer server;
     for (int i = 0; i < 9; ++i)
@@ -305,13 +314,12 @@ TEST(CachePolicyTest, APeersLockStallsEachRequestAtMostOneBusyWait)
         release.join();
     }
     EXPECT_EQ(3, CountCacheRows("url like '%/f6' or url like '%/f7' or url like '%/f8'")) << "admissions lost";
-    url_downloader_finalize();
 }
 
 // A database that SQLite reports as corrupt, found when the file is opened
 // or later by a statement, is moved aside once and made anew, so the cache
 // works again.
-TEST(CachePolicyTest, ACorruptDatabaseIsMovedAsideAndMadeAnew)
+TEST_F(CachePolicyTest, ACorruptDatabaseIsMovedAsideAndMadeAnew)
 {
     LogCapture log;
     std::ofstream(CacheDbPath(), std::ios::binary) << std::string(8192, 'x');
@@ -343,7 +351,7 @@ TEST(CachePolicyTest, ACorruptDatabaseIsMovedAsideAndMadeAnew)
 // expiry times after January 2038 (an Expires date, and the default lifetime
 // added to a clock late in 2037). Each is reported, stored and then answers
 // the same URL from the cache.
-TEST(CachePolicyTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
+TEST_F(CachePolicyTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
 {
     setenv("TZ", "UTC0", 1);
     tzset();
@@ -392,6 +400,4 @@ TEST(CachePolicyTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
         EXPECT_EQ(1u, server.RequestCount(c.path));
         unlink(got.c_str());
     }
-    url_downloader_finalize();
-    g_clock_shift = 0;
 }
