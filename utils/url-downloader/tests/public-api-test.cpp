@@ -10,6 +10,7 @@
 #include <sqlite3.h>
 #include <thread>
 
+#include "library-lifecycle.h"
 #include "log-capture.h"
 #include "main-loop.h"
 #include "test-db.h"
@@ -271,10 +272,20 @@ TEST_F(PublicApi, CallsMadeWhileFinalizingAreRefused)
     log.Clear();
     Get("/a", "b");
     ASSERT_TRUE(Eventually([&] { return log.ContainsText("Adding to cache"); }, 5s));
-    std::atomic<bool> finalized{false};
+    for (int i = 0; i < 50; ++i) // the processing thread goes round with these after the lock
+        Get("/none", "n" + std::to_string(i));
+    std::atomic<bool> finalized{false}, restarted{false};
     std::thread finalizer([&] {
         url_downloader_finalize();
         finalized = true;
+    });
+    std::thread watcher([&] { // the state never goes back from destroying to started
+        bool destroying = false;
+        while (!finalized && !restarted) {
+            const int state = _url_downloader_load_state();
+            destroying = destroying || state == URL_DOWNLOADER_STATE_DESTROYING;
+            restarted = destroying && state == URL_DOWNLOADER_STATE_STARTED;
+        }
     });
     EXPECT_TRUE(Eventually([&] { return url_downloader_cancel_request(svc, nullptr) == 17; }, 5s));
     EXPECT_EQ(17, url_downloader_cancel_all_requests(svc));
@@ -294,6 +305,8 @@ TEST_F(PublicApi, CallsMadeWhileFinalizingAreRefused)
     sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
     sqlite3_close(db);
     EXPECT_TRUE(Eventually([&] { return finalized.load(); }, 20s));
+    watcher.join();
+    EXPECT_FALSE(restarted) << "started again during the finalization";
     EXPECT_EQ(1, configuring.get());
     finalized ? finalizer.join() : finalizer.detach();
     EXPECT_EQ(0, url_downloader_register("again", nullptr, nullptr, &other));
