@@ -51,6 +51,16 @@ bool Admit(const std::string& url, const std::string& path, long size, long expi
     return url_downloader_add_cache(&c, &error) && error == URL_DOWNLOADER_ERROR_NONE;
 }
 
+// Whether the child exited with 0; killed after two minutes.
+bool Succeeded(pid_t pid)
+{
+    int status = 1;
+    for (int waited = 0; pid > 0 && waitpid(pid, &status, WNOHANG) == 0; ++waited, usleep(10000))
+        if (waited == 12000)
+            kill(pid, SIGKILL);
+    return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 // Two processes, forked before this one touches the cache and released
 // together, admit rows of size bytes each; true when neither saw a failure.
 bool AdmitFromTwoProcesses(int rows, long size)
@@ -73,15 +83,7 @@ bool AdmitFromTwoProcesses(int rows, long size)
     }
     close(start[0]);
     close(start[1]);
-    bool ok = true;
-    for (pid_t pid : children) {
-        int status = 1;
-        for (int waited = 0; pid > 0 && waitpid(pid, &status, WNOHANG) == 0; ++waited, usleep(10000))
-            if (waited == 12000) // two minutes
-                kill(pid, SIGKILL);
-        ok = ok && pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    }
-    return ok;
+    return Succeeded(children[0]) & Succeeded(children[1]);
 }
 class CachePolicyTest : public ::testing::Test {
 protected:
@@ -107,11 +109,7 @@ bool AdmitInChild(uid_t uid, const std::string& url)
             _exit(2);
         _exit(Admit(url, "/f", 1, 2e9) ? 0 : 1);
     }
-    int status = 1;
-    for (int waited = 0; pid > 0 && waitpid(pid, &status, WNOHANG) == 0; ++waited, usleep(10000))
-        if (waited == 6000) // one minute
-            kill(pid, SIGKILL);
-    return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return Succeeded(pid);
 }
 } // namespace
 
