@@ -163,6 +163,7 @@ TEST_F(Engine, FailuresAreReportedAsDownloadFailed)
         ASSERT_TRUE(Start(Request(server_.Url(p), TempPath(p + 1))));
     ASSERT_TRUE(Start(Request("http://127.0.0.1:" + std::to_string(ntohs(a.sin_port)) + "/", TempPath("refused"))));
     ASSERT_TRUE(Start(Request(server_.Url("/small"), "/dev/full"))); // fails only when closed
+    ASSERT_TRUE(Start(Request(server_.Url("/small"), TempPath("no-such-folder/small"))));
     Collect(apis_.size());
     close(refused);
 
