@@ -1,6 +1,5 @@
-// Lookup and admission: when a cached entry may answer a download, how it
-// reaches the client, and how finished downloads enter the bounded cache,
-// also from two processes at once.
+// Lookup and admission: when a cached entry may answer a download, and how
+// finished downloads enter the bounded, shared cache.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -18,7 +17,6 @@
 #include <unistd.h>
 
 #include "cache-policy.h"
-#include "request-ledger.h"
 #include "log-capture.h"
 #include "main-loop.h"
 #include "test-db.h"
@@ -53,6 +51,16 @@ bool Admit(const std::string& url, const std::string& path, long size, long expi
     return url_downloader_add_cache(&c, &error) && error == URL_DOWNLOADER_ERROR_NONE;
 }
 
+// Whether the child exited with 0; killed after two minutes.
+bool Succeeded(pid_t pid)
+{
+    int status = 1;
+    for (int waited = 0; pid > 0 && waitpid(pid, &status, WNOHANG) == 0; ++waited, usleep(10000))
+        if (waited == 12000)
+            kill(pid, SIGKILL);
+    return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 // Two processes, forked before this one touches the cache and released
 // together, admit rows of size bytes each; true when neither saw a failure.
 bool AdmitFromTwoProcesses(int rows, long size)
@@ -75,16 +83,22 @@ bool AdmitFromTwoProcesses(int rows, long size)
     }
     close(start[0]);
     close(start[1]);
-    bool ok = true;
-    for (pid_t pid : children) {
-        int status = 1;
-        for (int waited = 0; pid > 0 && waitpid(pid, &status, WNOHANG) == 0; ++waited, usleep(10000))
-            if (waited == 12000) // two minutes
-                kill(pid, SIGKILL);
-        ok = ok && pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    }
-    return ok;
+    return Succeeded(children[0]) & Succeeded(children[1]);
 }
+class CachePolicyTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        FreshCacheDb();
+        Deliveries::Clear();
+    }
+    void TearDown() override
+    {
+        url_downloader_finalize();
+        g_clock_shift = 0;
+    }
+};
+
 // Runs admit in a child process of its own, as user uid (when not -1); true
 // when it admitted its row.
 bool AdmitInChild(uid_t uid, const std::string& url)
@@ -95,17 +109,13 @@ bool AdmitInChild(uid_t uid, const std::string& url)
             _exit(2);
         _exit(Admit(url, "/f", 1, 2e9) ? 0 : 1);
     }
-    int status = 1;
-    for (int waited = 0; pid > 0 && waitpid(pid, &status, WNOHANG) == 0; ++waited, usleep(10000))
-        if (waited == 6000) // one minute
-            kill(pid, SIGKILL);
-    return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return Succeeded(pid);
 }
 } // namespace
 
 // The cache is shared by every process of the device, whatever its user: one
 // that did not create the database still admits rows into it.
-TEST(CachePolicyTest, AnotherUserSharesTheCache)
+TEST_F(CachePolicyTest, AnotherUserSharesTheCache)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "switching to another user needs root";
@@ -123,7 +133,7 @@ TEST(CachePolicyTest, AnotherUserSharesTheCache)
     EXPECT_EQ(2, CountCacheRows());
 }
 
-TEST(CachePolicyTest, LookupAcceptsOnlyPresentSameLengthUnexpiredFiles)
+TEST_F(CachePolicyTest, LookupAcceptsOnlyPresentSameLengthUnexpiredFiles)
 {
     const long later = time(nullptr) + 3600;
     Write("resized", "12345");
@@ -170,39 +180,7 @@ TEST(CachePolicyTest, LookupAcceptsOnlyPresentSameLengthUnexpiredFiles)
     free(path);
 }
 
-TEST(CachePolicyTest, HitHandsTheCachedPathToTheClientAndMissesLeaveTheRequest)
-{
-    Write("cached", "body");
-    ASSERT_TRUE(Admit("http://h/a", TempPath("cached"), 4, time(nullptr) + 60));
-    url_downloader_h service;
-    ASSERT_EQ(0, url_downloader_register("app", Deliveries::Callback, nullptr, &service));
-    url_downloader_error error = URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED;
-    LogCapture log;
-    // A hit, then misses: an uncached URL and URLs too long to copy (the
-    // limit counts the terminator), which must not end the process either.
-    for (size_t length : {size_t{0}, size_t{12}, size_t{URL_DOWNLOADER_MAX_COPY_SIZE} - 1,
-                          size_t{URL_DOWNLOADER_MAX_COPY_SIZE}}) {
-        url_downloader_api_h api = _url_downloader_new_request(
-            service, S(TempPath("asked")), length == 0 ? "http://h/a" : S(std::string(length, 'u')), true, nullptr);
-        ASSERT_TRUE(length != 0 ||
-                    (_url_downloader_prepend_request_list(service, api, &error) && _url_downloader_claim_submitted(api)));
-        EXPECT_EQ(length == 0, url_downloader_check_cache(api, &error));
-        EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, error);
-        EXPECT_EQ(length == 0 ? TempPath("cached") : TempPath("asked"), api->filePath);
-        if (length != 0)
-            _url_downloader_discard_request(api); // a miss stays the caller's
-    }
-    ASSERT_TRUE(Deliveries::WaitFor(1, 10s));
-    EXPECT_EQ(TempPath("cached"), Deliveries::All()[0].path.value_or("NULL"));
-    EXPECT_EQ(0, Deliveries::All()[0].error);
-    EXPECT_FALSE(std::filesystem::exists(TempPath("asked")));
-    EXPECT_EQ(3u, log.Count(kDebug, "url_downloader_get_cache_filepath", "Trying to find URL in Cache\n"));
-    EXPECT_FALSE(url_downloader_check_cache(nullptr, &error));
-    EXPECT_FALSE(url_downloader_add_cache(nullptr, &error));
-    url_downloader_finalize();
-}
-
-TEST(CachePolicyTest, AdmissionTrimsOnlyPastTheBudgetAndKeepsTheNewRow)
+TEST_F(CachePolicyTest, AdmissionTrimsOnlyPastTheBudgetAndKeepsTheNewRow)
 {
     LogCapture log;
     ASSERT_TRUE(Admit("big", "/big", URL_CACHE_MAX_SIZE - 100, 3000));
@@ -214,14 +192,10 @@ TEST(CachePolicyTest, AdmissionTrimsOnlyPastTheBudgetAndKeepsTheNewRow)
     EXPECT_EQ(1, CountCacheRows());
 }
 
-TEST(CachePolicyTest, TwoProcessesAdmittingAtOnceLoseNoRows)
+TEST_F(CachePolicyTest, TwoProcessesAdmittingAndTrimmingAtOnceNeverFail)
 {
     EXPECT_TRUE(AdmitFromTwoProcesses(500, 1));
-    EXPECT_EQ(1000, CountCacheRows());
-}
-
-TEST(CachePolicyTest, TwoProcessesTrimmingAtOnceNeverFail)
-{
+    EXPECT_EQ(1000, CountCacheRows()) << "rows lost";
     EXPECT_TRUE(AdmitFromTwoProcesses(300, 3000000)); // a trim every other admission
 }
 
@@ -258,9 +232,9 @@ bool DownloadAll(url_downloader_h svc, const TestServer& server, const std::vect
 } // namespace
 
 // Another process holding the cache's lock stalls a request at most one busy
-// wait per lookup and per admission, also on the first open of the file; a
-// lock shorter than the busy timeout loses no admission.
-TEST(CachePolicyTest, APeersLockStallsEachRequestAtMostOneBusyWait)
+// wait (2 s) per lookup and per admission, also on the first open; a shorter
+// lock loses no admission.
+TEST_F(CachePolicyTest, APeersLockStallsEachRequestAtMostOneBusyWait)
 {
     TestServer server;
     for (int i = 0; i < 9; ++i)
@@ -268,9 +242,7 @@ TEST(CachePolicyTest, APeersLockStallsEachRequestAtMostOneBusyWait)
     url_downloader_h svc;
     ASSERT_EQ(0, url_downloader_register("peer", Deliveries::Callback, nullptr, &svc));
     {
-        // The file exists in rollback mode and is locked before this process
-        // first opens it: each of the two tries to switch it to WAL waits one
-        // busy timeout (2 s), not a retry loop of them.
+        // Locked in rollback mode before this process first opens it.
         sqlite3* db = nullptr;
         ASSERT_EQ(SQLITE_OK, sqlite3_open(CacheDbPath().c_str(), &db));
         ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "create table qeturlcache (id INTEGER PRIMARY KEY AUTOINCREMENT, url TEXT, "
@@ -284,13 +256,11 @@ TEST(CachePolicyTest, APeersLockStallsEachRequestAtMostOneBusyWait)
     ASSERT_TRUE(DownloadAll(svc, server, {"/f1"}, 20s));
     EXPECT_EQ(1, CountCacheRows());
 
-    // Rows whose files are gone: each admission (no lookup asked for) meets
-    // one and deletes it, then inserts: two writes, one busy wait between them.
+    // Rows whose files are gone: each admission deletes one, then inserts.
     for (int i = 2; i <= 5; ++i)
         ASSERT_TRUE(Admit(server.Url("/f" + std::to_string(i)), TempPath("gone"), 100, time(nullptr) + 600));
     {
-        // Held for good: 4 admissions x 2 s, where waits per statement would
-        // add up to twice that.
+        // Held for good: 4 admissions x 2 s; waits per statement would add up to twice that.
         Peer peer("BEGIN IMMEDIATE");
         EXPECT_TRUE(DownloadAll(svc, server, {"/f2", "/f3", "/f4", "/f5"}, 12s, false)) << "waits added up per request";
     }
@@ -305,13 +275,11 @@ TEST(CachePolicyTest, APeersLockStallsEachRequestAtMostOneBusyWait)
         release.join();
     }
     EXPECT_EQ(3, CountCacheRows("url like '%/f6' or url like '%/f7' or url like '%/f8'")) << "admissions lost";
-    url_downloader_finalize();
 }
 
-// A database that SQLite reports as corrupt, found when the file is opened
-// or later by a statement, is moved aside once and made anew, so the cache
-// works again.
-TEST(CachePolicyTest, ACorruptDatabaseIsMovedAsideAndMadeAnew)
+// A database found corrupt, on opening or by a later statement, is moved
+// aside once and made anew.
+TEST_F(CachePolicyTest, ACorruptDatabaseIsMovedAsideAndMadeAnew)
 {
     LogCapture log;
     std::ofstream(CacheDbPath(), std::ios::binary) << std::string(8192, 'x');
@@ -339,11 +307,10 @@ TEST(CachePolicyTest, ACorruptDatabaseIsMovedAsideAndMadeAnew)
     EXPECT_EQ(1, CountCacheRows("url='http://third/'"));
 }
 
-// Values that pass what 32 bits hold on the device: a body over 2 GiB, and
-// expiry times after January 2038 (an Expires date, and the default lifetime
-// added to a clock late in 2037). Each is reported, stored and then answers
-// the same URL from the cache.
-TEST(CachePolicyTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
+// Past 32 bits: a body over 2 GiB, expiry times after January 2038 (an
+// Expires date, the default lifetime added to a clock late in 2037); each is
+// stored and then answers the same URL from the cache.
+TEST_F(CachePolicyTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
 {
     setenv("TZ", "UTC0", 1);
     tzset();
@@ -392,6 +359,4 @@ TEST(CachePolicyTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
         EXPECT_EQ(1u, server.RequestCount(c.path));
         unlink(got.c_str());
     }
-    url_downloader_finalize();
-    g_clock_shift = 0;
 }

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <future>
 #include <map>
 #include <poll.h>
@@ -110,12 +111,13 @@ TEST_F(Engine, DownloadsDirectRedirectedProxiedAndSecure)
 {
     ud_test::LogCapture log;
     const std::string body = ud_test::Pattern(300000, 7);
-    server_.Route("/ok", {200, {{"Cache-Control", "max-age=600"}}, body});
+    server_.Route("/ok", {200, {{"Cache-Control", "max-age=600"}}, body, true}); // chunked
     server_.Redirect("/r1", "/r2", 301);
     server_.Redirect("/r2", "/ok", 302);
     ud_test::TestServer tls(true);
     tls.Route("/ok", {200, {{"Cache-Control", "max-age=600"}}, body});
     const std::string proxy = server_.Url("");
+    std::ofstream(TempPath("direct")) << ud_test::Pattern(400000, 1); // longer: replaced, not overwritten in part
     long before = (long)time(nullptr);
     for (auto* api : {Request(server_.Url("/ok"), TempPath("direct")), Request(server_.Url("/r1"), TempPath("moved")),
                       Request(tls.Url("/ok"), TempPath("tls")),
@@ -161,6 +163,7 @@ TEST_F(Engine, FailuresAreReportedAsDownloadFailed)
         ASSERT_TRUE(Start(Request(server_.Url(p), TempPath(p + 1))));
     ASSERT_TRUE(Start(Request("http://127.0.0.1:" + std::to_string(ntohs(a.sin_port)) + "/", TempPath("refused"))));
     ASSERT_TRUE(Start(Request(server_.Url("/small"), "/dev/full"))); // fails only when closed
+    ASSERT_TRUE(Start(Request(server_.Url("/small"), TempPath("no-such-folder/small"))));
     Collect(apis_.size());
     close(refused);
 
@@ -212,16 +215,6 @@ TEST_F(Engine, CleanupWaitsForTheRunningTransfer)
     EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, responses_[api]->error);
 }
 
-TEST(EngineWait, FollowsLibcurlUpToTwoSeconds)
-{
-    const long cases[][3] = {{0, 0, 0}, {1500, 1, 500000}, {1999, 1, 999000}, {2000, 1, 0}, {5000, 1, 0}, {-1, 1, 0}};
-    for (const auto& c : cases) {
-        timeval wait{77, 77};
-        _url_downloader_compute_wait(c[0], &wait);
-        EXPECT_TRUE(wait.tv_sec == c[1] && wait.tv_usec == c[2]) << c[0] << " ms";
-    }
-}
-
 TEST_F(Engine, OneEngineAtATimeAndAFreshOneAfterDestruction)
 {
     ud_test::LogCapture log;
@@ -249,40 +242,10 @@ TEST_F(Engine, OneEngineAtATimeAndAFreshOneAfterDestruction)
     ASSERT_TRUE(Start(Request(server_.Url("/again"), TempPath("again"))));
     Collect(1);
     EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, responses_[apis_[0]]->error);
-}
-
-TEST_F(Engine, HandlesLibcurlKeepsOrNobodyOwnsAreReleased)
-{
-    ud_test::LogCapture log;
-    // A handle libcurl will not give back (it is in another multi handle):
-    // the request is let go at once, the record only with the engine.
-    CURLM* other = curl_multi_init();
-    CURL* easy = curl_easy_init();
-    curl_multi_add_handle(other, easy);
-    auto* stuck = Request(server_.Url("/never"), TempPath("never"));
-    auto* record = (url_downloader_curl_pvt_data*)calloc(1, sizeof(url_downloader_curl_pvt_data));
-    *record = {strdup(stuck->filePath), nullptr, nullptr, 0, 0, stuck, easy};
-    WithLock([&] { UrlDownloader::activeTransactions = g_list_prepend(UrlDownloader::activeTransactions, record); });
-    EXPECT_TRUE(engine_->DownloaderCancelRequest(stuck));
-    EXPECT_FALSE(engine_->DownloaderCancelRequest(stuck));
-    EXPECT_TRUE(log.ContainsText("curl_multi_remove_handle failed"));
-
-    // A finished transfer without a record still leaves the multi handle.
-    server_.Route("/bare", {200, {}, "bare"});
-    CURL* bare = curl_easy_init();
-    curl_easy_setopt(bare, CURLOPT_URL, server_.Url("/bare").c_str());
-    curl_easy_setopt(bare, CURLOPT_WRITEFUNCTION, +[](char*, size_t s, size_t n, void*) { return s * n; });
-    WithLock([&] { curl_multi_add_handle(UrlDownloader::multiHandle, bare); });
-    ASSERT_TRUE(engine_->DownloaderExecuteRequest());
-    for (int i = 0; i < 3000 && !log.ContainsText("Finished transfer has no active record"); i++)
-        usleep(10000);
-    EXPECT_TRUE(log.ContainsText("Finished transfer has no active record"));
-
     // Set up but never woken: released with the engine.
     ASSERT_TRUE(engine_->DownloaderCreateEasyHandle(Request(server_.Url("/idle"), TempPath("idle"))));
     Stop();
     EXPECT_EQ(nullptr, UrlDownloader::activeTransactions);
-    curl_multi_cleanup(other);
 }
 
 TEST_F(Engine, ThousandsOfUnreadResponsesDoNotStallTheEngine)
@@ -306,14 +269,13 @@ TEST_F(Engine, ThousandsOfUnreadResponsesDoNotStallTheEngine)
     Collect(kLoadTransfers);
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     int ok = 0;
-    for (auto& r : responses_)
-        ok += r.second->error == URL_DOWNLOADER_ERROR_NONE;
+    for (auto* api : apis_)
+        ok += responses_.count(api) && responses_[api]->error == URL_DOWNLOADER_ERROR_NONE &&
+              ud_test::ReadFile(api->filePath) == "tiny body";
     Stop();
     EXPECT_EQ(0, Unread());
-    rusage usage;
-    getrusage(RUSAGE_SELF, &usage);
-    printf("load: %d transfers (%d succeeded) in %.1f s, peak RSS %ld KiB\n", kLoadTransfers, ok, seconds,
-           usage.ru_maxrss);
+    EXPECT_EQ(kLoadTransfers, ok) << "transfers that failed or wrote the wrong file";
+    printf("load: %d transfers (%d succeeded) in %.1f s\n", kLoadTransfers, ok, seconds);
 }
 
 } // namespace

@@ -1,13 +1,16 @@
 // The public calls end to end against a loopback server and a real cache
 // database: argument checks, outcomes in the main loop, the cache, clean,
-// cancel-all and deregistration.
+// proxies, cancel-all and deregistration, and bringing the library up and down.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
+#include <sqlite3.h>
 #include <thread>
 
+#include "library-lifecycle.h"
 #include "log-capture.h"
 #include "main-loop.h"
 #include "test-db.h"
@@ -34,6 +37,7 @@ class PublicApi : public ::testing::Test {
 protected:
     void SetUp() override
     {
+        FreshCacheDb();
         Deliveries::Clear();
         server.Route("/a", {200, {}, Pattern(5000, 1)});
         server.Route("/slow", {200, {}, Pattern(100000, 3), false, 1000});
@@ -86,6 +90,12 @@ TEST_F(PublicApi, ArgumentsAreCheckedInOrderWithTheirLogLines)
         {url_downloader_deregister(nullptr), 1, "deregister", "NULL service"},
         {url_downloader_deregister(&stranger), 1, "deregister", "Invalid service"},
     };
+    // A refused download clears the caller's request handle.
+    for (auto* s : {(url_downloader_h)&stranger, svc}) {
+        api = (url_downloader_api_h)&stranger;
+        EXPECT_NE(0, url_downloader_download(s, s == svc ? nullptr : "/p", "u", false, nullptr, &api));
+        EXPECT_EQ(nullptr, api);
+    }
     for (const Case& c : cases) {
         EXPECT_EQ(c.want, c.got) << c.func << ": " << c.text;
         int priority = c.want == 0 ? kDebug : kError;
@@ -136,7 +146,13 @@ TEST_F(PublicApi, OutcomesCacheAndClean)
 
 TEST_F(PublicApi, CancelAllDropsRequestsWithoutCallbacksAndTheServiceGoesOn)
 {
-    // Results handed over but not yet delivered, and transfers running.
+    // Results handed over but not yet delivered, and transfers running; another
+    // service's request stays.
+    url_downloader_h other;
+    ASSERT_EQ(0, url_downloader_register("other", Deliveries::Callback, nullptr, &other));
+    server.Route("/kept", {200, {}, "kept", false, 0});
+    url_downloader_api_h kept = Get("/kept", "kept", false, other);
+    ASSERT_TRUE(server.WaitForRequests("/kept", 1, 10s));
     std::vector<url_downloader_api_h> dropped;
     for (int i = 0; i < 10; ++i)
         dropped.push_back(Get(i < 7 ? "/a" : "/slow", "d" + std::to_string(i)));
@@ -151,11 +167,13 @@ TEST_F(PublicApi, CancelAllDropsRequestsWithoutCallbacksAndTheServiceGoesOn)
     server.Route("/late", {200, {}, Pattern(3000, 4), false, 100});
     Get("/late", "fresh");
     EXPECT_FALSE(RunMainLoopUntil([] { return Deliveries::Count() > 0; }, 500ms));
+    EXPECT_EQ(0, url_downloader_cancel_request(other, kept)) << "another service's request was dropped";
     server.Release("/late");
-    ASSERT_TRUE(Deliveries::WaitFor(1, 10s));
+    ASSERT_TRUE(Deliveries::WaitFor(2, 10s));
     RunMainLoopUntil([] { return false; }, 100ms);
-    ASSERT_EQ(1u, Deliveries::Count());
-    EXPECT_EQ(Tag("fresh"), Deliveries::All()[0].user_data);
+    ASSERT_EQ(2u, Deliveries::Count());
+    ASSERT_TRUE(Find(Deliveries::All(), "fresh") && Find(Deliveries::All(), "kept"));
+    EXPECT_EQ(16, Find(Deliveries::All(), "kept")->error);
     EXPECT_EQ(Pattern(3000, 4), ReadFile(TempPath("fresh")));
 }
 
@@ -184,5 +202,114 @@ TEST_F(PublicApi, DeregisterDropsTransfersInFlightAndWorksFromInsideTheCallback)
     EXPECT_EQ(0, g_cancelled_inside);
     EXPECT_EQ(1, url_downloader_cancel_all_requests(g_self));
     EXPECT_EQ(0u, Deliveries::Count());
+}
+TEST_F(PublicApi, AConfiguredProxyCarriesTheNextDownloads)
+{
+    TestServer proxy;
+    proxy.Route("/p", {200, {}, "proxied"});
+    std::string address = proxy.Url("");
+    url_downloader_config_t config{address.data()};
+    ASSERT_EQ(0, url_downloader_configure_network(svc, &config));
+    url_downloader_api_h api;
+    ASSERT_EQ(0, url_downloader_download(svc, TempPath("p").c_str(), "http://example.invalid/p", false, Tag("p"), &api));
+    ASSERT_TRUE(Deliveries::WaitFor(1, 20s));
+    EXPECT_EQ(0, Deliveries::All()[0].error);
+    EXPECT_EQ("proxied", ReadFile(TempPath("p")));
+    ASSERT_EQ(1u, proxy.Requests().size());
+    EXPECT_TRUE(proxy.Requests()[0].via_proxy);
+}
+
+template <typename Done>
+bool Eventually(Done done, std::chrono::milliseconds timeout) // without running the main loop
+{
+    for (auto end = std::chrono::steady_clock::now() + timeout; !done(); std::this_thread::sleep_for(5ms))
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+    return true;
+}
+
+TEST(Lifecycle, RacingFirstRegistrationsStartTheLibraryOnceAndFinalizeEndsItsThreads)
+{
+    LogCapture log;
+    url_downloader_finalize();
+    EXPECT_TRUE(log.Contains(kError, "url_downloader_finalize", "Service not started. Nothing to be done"));
+    // A sanitizer's own thread comes with the first one; the joined thread
+    // itself may stay listed for a moment.
+    const size_t alone = Entries("/proc/self/task");
+    std::thread([] {}).join();
+    const size_t threads = Entries("/proc/self/task", alone);
+    std::atomic<bool> go{false};
+    std::vector<int> results(8, -1);
+    std::vector<std::thread> clients;
+    for (int& result : results)
+        clients.emplace_back([&go, &result] {
+            url_downloader_h svc;
+            while (!go)
+                std::this_thread::yield();
+            result = url_downloader_register("app", nullptr, nullptr, &svc);
+        });
+    go = true;
+    for (auto& t : clients)
+        t.join();
+    EXPECT_EQ(std::vector<int>(8, 0), results);
+    EXPECT_EQ(1u, log.Count(kDebug, "_url_downloader_create_pipe", "Pipe created succesfully\n"));
+    EXPECT_EQ(threads + 2, Entries("/proc/self/task", threads + 2)); // the processing and the transfer thread
+    url_downloader_finalize();
+    EXPECT_EQ(threads, Entries("/proc/self/task", threads));
+}
+
+TEST_F(PublicApi, CallsMadeWhileFinalizingAreRefused)
+{
+    url_downloader_h other;
+    url_downloader_api_h api;
+    Get("/a", "a");
+    ASSERT_TRUE(Deliveries::WaitFor(1, 10s));
+    // Another connection holds the write lock, so the next admission keeps
+    // the processing thread, and with it the finalization, busy.
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(CacheDbPath().c_str(), &db));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr));
+    log.Clear();
+    server.Route("/b", {200, {}, "b"});
+    Get("/b", "b"); // not cached yet: an admission
+    ASSERT_TRUE(Eventually([&] { return log.ContainsText("Adding to cache"); }, 5s));
+    for (int i = 0; i < 10; ++i) // the processing thread goes round with these after the lock
+        Get("/none", "n" + std::to_string(i));
+    std::atomic<bool> finalized{false}, restarted{false};
+    std::thread finalizer([&] {
+        url_downloader_finalize();
+        finalized = true;
+    });
+    std::thread watcher([&] { // the state never goes back from destroying to started
+        bool destroying = false;
+        while (!finalized && !restarted) {
+            const int state = _url_downloader_load_state();
+            destroying = destroying || state == URL_DOWNLOADER_STATE_DESTROYING;
+            restarted = destroying && state == URL_DOWNLOADER_STATE_STARTED;
+        }
+    });
+    EXPECT_TRUE(Eventually([&] { return url_downloader_cancel_request(svc, nullptr) == 17; }, 5s));
+    EXPECT_EQ(17, url_downloader_cancel_all_requests(svc));
+    EXPECT_EQ(17, url_downloader_register("x", nullptr, nullptr, &other));
+    EXPECT_EQ(17, url_downloader_download(svc, "/p", "u", false, nullptr, &api));
+    EXPECT_EQ(17, url_downloader_deregister(svc));
+    EXPECT_EQ(17, url_downloader_clean(svc));
+    // Replacing a proxy does not wait for the finalization: the service is going.
+    auto configuring = std::async(std::launch::async, [this] {
+        url_downloader_config_t config{const_cast<char*>("http://127.0.0.1:9")};
+        return url_downloader_configure_network(svc, &config);
+    });
+    EXPECT_EQ(std::future_status::ready, configuring.wait_for(5s));
+    url_downloader_finalize();
+    EXPECT_TRUE(log.Contains(kError, "url_downloader_finalize", "Service is in destroying state"));
+    EXPECT_FALSE(finalized);
+    sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    EXPECT_TRUE(Eventually([&] { return finalized.load(); }, 20s));
+    watcher.join();
+    EXPECT_FALSE(restarted) << "started again during the finalization";
+    EXPECT_EQ(1, configuring.get());
+    finalized ? finalizer.join() : finalizer.detach();
+    EXPECT_EQ(0, url_downloader_register("again", nullptr, nullptr, &other));
 }
 } // namespace

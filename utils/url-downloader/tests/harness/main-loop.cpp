@@ -8,33 +8,21 @@ namespace ud_test {
 namespace {
 std::mutex g_mutex;
 std::vector<Delivery> g_deliveries;
-
-// Wakes a blocked iteration, so that done() is re-checked even when the
-// condition does not come from the main context (a file, another thread).
-constexpr guint kTickMs = 5;
-gboolean Tick(gpointer) { return G_SOURCE_CONTINUE; }
 } // namespace
 
 bool RunMainLoopUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
 {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    if (done())
-        return true;
-    GSource* tick = g_timeout_source_new(kTickMs);
-    g_source_set_callback(tick, Tick, nullptr, nullptr);
+    // A tick wakes a blocked iteration, so that done() is checked again when
+    // its condition does not come from the main context.
+    GSource* tick = g_timeout_source_new(5);
+    g_source_set_callback(tick, [](gpointer) { return (gboolean)G_SOURCE_CONTINUE; }, nullptr, nullptr);
     g_source_attach(tick, nullptr);
-    bool ok = false;
-    for (;;) {
-        // Returns after the tick at the latest; FALSE also when another thread
-        // owns the context, in which case we must not spin.
-        if (!g_main_context_iteration(nullptr, TRUE))
+    bool ok = done();
+    while (!ok && std::chrono::steady_clock::now() < deadline) {
+        if (!g_main_context_iteration(nullptr, TRUE)) // also when another thread owns the context
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        if (done()) {
-            ok = true;
-            break;
-        }
-        if (std::chrono::steady_clock::now() >= deadline)
-            break;
+        ok = done();
     }
     g_source_destroy(tick);
     g_source_unref(tick);
@@ -57,21 +45,10 @@ std::vector<Delivery> Deliveries::All()
     return g_deliveries;
 }
 
-size_t Deliveries::Count()
-{
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_deliveries.size();
-}
-
 void Deliveries::Clear()
 {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_deliveries.clear();
-}
-
-bool Deliveries::WaitFor(size_t n, std::chrono::milliseconds timeout)
-{
-    return RunMainLoopUntil([n] { return Count() >= n; }, timeout);
 }
 
 } // namespace ud_test

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
@@ -14,8 +13,7 @@
 namespace ud_test {
 
 // Iterates the default main context on the calling thread until done()
-// returns true (true) or timeout has passed (false). done() is checked
-// before the first iteration and at least every few milliseconds.
+// (true) or timeout (false); done() is checked at least every few ms.
 bool RunMainLoopUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 
 // One call of the client callback.
@@ -27,16 +25,17 @@ struct Delivery {
     std::thread::id thread; // thread that ran the callback
 };
 
-// Records every call of Callback in one process-wide, thread-safe list.
-class Deliveries {
-public:
-    // A url_downloader_callback_t.
+// Every call of Callback, in one process-wide, thread-safe list.
+struct Deliveries {
     static bool Callback(url_downloader_api_h api, void* path, void* user_data, int error);
     static std::vector<Delivery> All();
-    static size_t Count();
+    static size_t Count() { return All().size(); }
     static void Clear();
     // Runs the main loop until at least n deliveries have been recorded.
-    static bool WaitFor(size_t n, std::chrono::milliseconds timeout);
+    static bool WaitFor(size_t n, std::chrono::milliseconds timeout)
+    {
+        return RunMainLoopUntil([n] { return Count() >= n; }, timeout);
+    }
 };
 
 } // namespace ud_test

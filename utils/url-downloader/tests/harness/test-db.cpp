@@ -1,59 +1,47 @@
 #include "test-db.h"
 
 #include <atomic>
-#include <cctype>
 #include <cstdio>
 #include <filesystem>
 
 #include "db-util.h"
 #include "test-env.h"
+#include "url-cache-db.h"
 
 namespace ud_test {
 
 namespace {
 std::atomic<bool> g_fail{false};
-const char kRealPath[] = "/opt/dbspace/.urlcache.db";
-const char kRealDir[] = "/opt/dbspace";
-
 using OpenFn = int (*)(const char*, sqlite3**, int);
-
-OpenFn RealOpen()
-{
-    static const OpenFn fn = reinterpret_cast<OpenFn>(PlatformSymbol("db_util_open"));
-    return fn;
-}
 } // namespace
 
 std::string CacheDbPath() { return TempPath("urlcache.db"); }
 
-void FailDbOpen(bool fail) { g_fail.store(fail); }
+void FailDbOpen(bool fail) { g_fail = fail; }
+
+void FreshCacheDb()
+{
+    pthread_mutex_lock(&cache_db_lock);
+    sqlite3_close_v2(cache_db_handle);
+    cache_db_handle = nullptr;
+    pthread_mutex_unlock(&cache_db_lock);
+    for (const char* suffix : {"", "-wal", "-shm", ".corrupt", ".corrupt-wal"})
+        std::remove((CacheDbPath() + suffix).c_str());
+}
 
 int CountCacheRows(const std::string& where_sql)
 {
-    const std::string path = CacheDbPath();
-    if (!std::filesystem::exists(path))
+    if (!std::filesystem::exists(CacheDbPath()))
         return 0;
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
-        sqlite3_close(db);
-        return -1;
-    }
-    sqlite3_busy_timeout(db, 10000);
-    std::string sql = "select count(*) from qeturlcache";
-    size_t first = 0;
-    while (first < where_sql.size() && std::isspace(static_cast<unsigned char>(where_sql[first])))
-        ++first;
-    if (first < where_sql.size()) {
-        std::string head = where_sql.substr(first, 5);
-        for (char& c : head)
-            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        sql += head == "where" ? " " : " where ";
-        sql += where_sql.substr(first);
-    }
-    int count = -1;
     sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK && sqlite3_step(stmt) == SQLITE_ROW)
-        count = sqlite3_column_int(stmt, 0);
+    int count = -1;
+    if (sqlite3_open_v2(CacheDbPath().c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+        sqlite3_busy_timeout(db, 10000);
+        const std::string sql = "select count(*) from qeturlcache where " + where_sql;
+        if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK && sqlite3_step(stmt) == SQLITE_ROW)
+            count = sqlite3_column_int(stmt, 0);
+    }
     sqlite3_finalize(stmt);
     sqlite3_close(db);
     return count;
@@ -65,34 +53,20 @@ extern "C" __attribute__((visibility("default"))) int db_util_open(const char* p
 {
     if (handle != nullptr)
         *handle = nullptr;
-    if (ud_test::g_fail.load())
+    static const auto real = reinterpret_cast<ud_test::OpenFn>(ud_test::PlatformSymbol("db_util_open"));
+    if (ud_test::g_fail || real == nullptr || real == &db_util_open)
         return SQLITE_CANTOPEN;
-    if (path == nullptr || handle == nullptr) {
-        ud_test::OpenFn real = ud_test::RealOpen();
-        return real != nullptr ? real(path, handle, option) : SQLITE_MISUSE;
-    }
-    // Compare normalised paths, so that "/opt//dbspace/./.urlcache.db" cannot
-    // slip past to the real file.
+    if (path == nullptr || handle == nullptr)
+        return real(path, handle, option);
+    // Normalised, so that "/opt//dbspace/./.urlcache.db" cannot slip past.
     std::error_code ec;
     const std::filesystem::path asked = std::filesystem::absolute(path, ec).lexically_normal();
-    if (ec) {
-        std::fprintf(stderr, "test db_util_open: cannot resolve %s\n", path);
+    const std::string rel = asked.lexically_relative("/opt/dbspace").string();
+    if (ec || asked == "/opt/dbspace/.urlcache.db")
+        return ec ? SQLITE_CANTOPEN : real(ud_test::CacheDbPath().c_str(), handle, option);
+    if (!rel.empty() && rel.compare(0, 2, "..") != 0) {
+        std::fprintf(stderr, "test db_util_open: refusing %s (host database folder)\n", path);
         return SQLITE_CANTOPEN;
     }
-    std::string target = path;
-    if (asked == ud_test::kRealPath) {
-        target = ud_test::CacheDbPath();
-    } else {
-        const auto rel = asked.lexically_relative(ud_test::kRealDir);
-        if (!rel.empty() && *rel.begin() != "..") {
-            std::fprintf(stderr, "test db_util_open: refusing %s (host database folder)\n", path);
-            return SQLITE_CANTOPEN;
-        }
-    }
-    ud_test::OpenFn real = ud_test::RealOpen();
-    if (real == nullptr || real == &db_util_open) {
-        std::fprintf(stderr, "test db_util_open: platform db_util_open not found\n");
-        return SQLITE_CANTOPEN;
-    }
-    return real(target.c_str(), handle, option);
+    return real(path, handle, option);
 }

@@ -1,9 +1,7 @@
-// Keeps the tests off the host's real cache database.
-//
-// The harness defines the platform's db_util_open: the library's fixed cache
-// path "/opt/dbspace/.urlcache.db" is opened at CacheDbPath() instead, by the
-// platform's own implementation. Any other path is opened as given, except
-// other paths under /opt/dbspace, which are refused.
+// Keeps the tests off the host's real cache database: the harness defines
+// the platform's db_util_open, which opens the library's fixed path
+// "/opt/dbspace/.urlcache.db" at CacheDbPath() instead and refuses any other
+// path under /opt/dbspace.
 #pragma once
 
 #include <string>
@@ -16,10 +14,12 @@ std::string CacheDbPath();
 // While fail is true, db_util_open returns non-zero and a NULL handle.
 void FailDbOpen(bool fail);
 
-// Rows of the cache table at CacheDbPath(), optionally filtered by an SQL
-// condition ("appname='x'"; a leading "where" is accepted too), on a
-// connection of its own. 0 when the database file does not exist yet; -1 on
-// an SQL error.
-int CountCacheRows(const std::string& where_sql = "");
+// Closes the library's cache connection and removes the database files, so
+// that the next cache call starts on a new database (library idle).
+void FreshCacheDb();
+
+// Rows of the cache table matching an SQL condition, on a connection of its
+// own; 0 when there is no database yet, -1 on an SQL error.
+int CountCacheRows(const std::string& where_sql = "1");
 
 } // namespace ud_test

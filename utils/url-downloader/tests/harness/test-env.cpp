@@ -3,39 +3,27 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <filesystem>
-#include <mutex>
 #include <stdexcept>
 #include <unistd.h>
 
 namespace ud_test {
 
-namespace {
-std::string g_dir;
-pid_t g_owner;
-
-void RemoveTempDir()
-{
-    // Forked children share the folder; only the process that made it removes it.
-    if (!g_dir.empty() && getpid() == g_owner) {
-        std::error_code ec;
-        std::filesystem::remove_all(g_dir, ec);
-    }
-}
-} // namespace
-
 const std::string& TempDir()
 {
-    static std::once_flag once;
-    std::call_once(once, [] {
+    static const pid_t owner = getpid();
+    static const std::string& dir = *new std::string([] { // kept for the exit handler
         const char* base = std::getenv("TMPDIR");
         std::string tmpl = std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") + "/ud-test-XXXXXX";
         if (mkdtemp(tmpl.data()) == nullptr)
             throw std::runtime_error("mkdtemp failed for " + tmpl);
-        g_dir = tmpl;
-        g_owner = getpid();
-        std::atexit(RemoveTempDir);
-    });
-    return g_dir;
+        std::atexit([] { // forked children share the folder: only its maker removes it
+            std::error_code ec;
+            if (getpid() == owner)
+                std::filesystem::remove_all(TempDir(), ec);
+        });
+        return tmpl;
+    }());
+    return dir;
 }
 
 std::string TempPath(const std::string& name) { return TempDir() + "/" + name; }
@@ -44,7 +32,7 @@ void* PlatformSymbol(const char* name)
 {
     if (void* sym = dlsym(RTLD_NEXT, name))
         return sym;
-    // Kept loaded for the rest of the process.
+    // The linker drops the platform library from programs that need none of its symbols.
     static void* const platform = dlopen("libvelmora-platform.so.0", RTLD_NOW | RTLD_LOCAL);
     return platform != nullptr ? dlsym(platform, name) : nullptr;
 }
@@ -52,12 +40,11 @@ void* PlatformSymbol(const char* name)
 size_t Entries(const char* dir, size_t expected)
 {
     size_t n = 0;
-    for (int i = 0; i < 300; ++i) {
+    for (int i = 0; i < 300; ++i, usleep(10000)) {
         auto it = std::filesystem::directory_iterator(dir);
         n = (size_t)std::distance(it, std::filesystem::directory_iterator());
         if (expected == SIZE_MAX || n == expected)
             break;
-        usleep(10000);
     }
     return n;
 }

@@ -1,4 +1,4 @@
-// Per-process test environment: a private temporary folder.
+// Per-process test environment.
 #pragma once
 
 #include <cstddef>
@@ -15,25 +15,18 @@ constexpr int kScale = 2;
 constexpr int kScale = 1;
 #endif
 
-// Number of entries in a folder, e.g. "/proc/self/task" (threads) or
-// "/proc/self/fd" (descriptors).
-// With expected given, reads again for up to 3 s until the count is that:
-// a thread that has been joined can stay listed for a moment (under qemu).
+// Entries of a folder: "/proc/self/task" (threads), "/proc/self/fd". With
+// expected given, reads again for up to 3 s until the count is that (a
+// joined thread can stay listed for a moment).
 size_t Entries(const char* dir, size_t expected = SIZE_MAX);
 
-// The test process's own temporary folder, made on first use and removed
-// with its contents when the process exits.
+// The process's own temporary folder, removed when the process exits, and
+// the path of a file in it.
 const std::string& TempDir();
-
-// Path of a file named name inside TempDir().
 std::string TempPath(const std::string& name);
 
-// The platform library's own definition of the function name, for the
-// functions the harness defines in its place (__dlog_print, db_util_open).
-// Found after the program's own definitions in symbol order, or else in
-// libvelmora-platform.so.0 loaded on the spot (the linker drops the
-// platform library from a test program that needs none of its symbols).
-// NULL when it cannot be found.
+// The platform library's own definition of a function the harness replaces
+// (__dlog_print, db_util_open); NULL when not found.
 void* PlatformSymbol(const char* name);
 
 } // namespace ud_test

@@ -1,36 +1,20 @@
 #include "test-server.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <unistd.h>
 #include <algorithm>
-#include <cctype>
+#include <arpa/inet.h>
 #include <condition_variable>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <microhttpd.h>
 #include <mutex>
-#include <netinet/in.h>
 #include <set>
 #include <sstream>
-#include <vector>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace ud_test {
-
-namespace {
-constexpr auto kMaxStall = std::chrono::seconds(30);
-constexpr size_t kBlockSize = 32 * 1024;
-
-std::string Slurp(const char* path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-} // namespace
 
 struct TestServer::State {
     mutable std::mutex mutex;
@@ -39,194 +23,134 @@ struct TestServer::State {
     std::set<std::string> released;
     std::vector<Request> requests;
     bool stopping = false;
-
-    bool https = false;
-    std::string cert, key; // PEM text; must outlive the daemon
+    std::string scheme, cert, key; // the PEM texts must outlive the daemon
     MHD_Daemon* daemon = nullptr;
     uint16_t port = 0;
+
+    size_t Count(const std::string& path) const
+    {
+        return (size_t)std::count_if(requests.begin(), requests.end(), [&](const Request& r) { return r.path == path; });
+    }
 };
 
 namespace {
-
 using State = TestServer::State;
 
-// Per-request data, made when the request line arrives.
-struct Exchange {
-    std::string target;
-    bool recorded = false;
-};
-
-// A body sent through the content reader (chunked, stalled or dropped).
+// A body sent through the reader: chunked, stalled or dropped.
 struct Body {
     State* state;
-    std::shared_ptr<const TestServer::Response> response;
-    std::string route; // the key whose Release() ends the stall
+    std::shared_ptr<const TestServer::Response> r;
+    std::string path;
     bool released = false;
 };
 
-void* OnRequestLine(void*, const char* uri, MHD_Connection*)
+MHD_Result AddHeader(void* cls, MHD_ValueKind, const char* key, const char* value)
 {
-    auto* ex = new Exchange;
-    ex->target = uri != nullptr ? uri : "";
-    return ex;
-}
-
-void OnCompleted(void*, MHD_Connection*, void** con_cls, MHD_RequestTerminationCode)
-{
-    delete static_cast<Exchange*>(*con_cls);
-    *con_cls = nullptr;
-}
-
-MHD_Result CollectHeader(void* cls, MHD_ValueKind, const char* key, const char* value)
-{
-    std::string name = key != nullptr ? key : "";
+    std::string name = key;
     std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
     (*static_cast<std::map<std::string, std::string>*>(cls))[name] = value != nullptr ? value : "";
     return MHD_YES;
 }
 
-// Splits an absolute-form target ("http://host:port/p?q") into its path.
-bool ProxyPath(const std::string& target, std::string* path)
-{
-    const size_t scheme = target.find("://");
-    if (target.empty() || target[0] == '/' || scheme == std::string::npos)
-        return false;
-    const size_t slash = target.find('/', scheme + 3);
-    *path = slash == std::string::npos ? "/" : target.substr(slash);
-    return true;
-}
-
 ssize_t ReadBody(void* cls, uint64_t pos, char* buf, size_t max)
 {
     auto* b = static_cast<Body*>(cls);
-    const TestServer::Response& r = *b->response;
-    const uint64_t size = r.body.size();
-    if (r.drop_after >= 0 && pos >= static_cast<uint64_t>(r.drop_after))
+    const TestServer::Response& r = *b->r;
+    if (r.drop_after >= 0 && pos >= (uint64_t)r.drop_after)
         return MHD_CONTENT_READER_END_WITH_ERROR; // closes the connection mid-body
-    if (r.stall_after >= 0 && !b->released && pos >= static_cast<uint64_t>(r.stall_after)) {
-        // Blocking here holds only this connection's thread.
-        State* s = b->state;
-        std::unique_lock<std::mutex> lock(s->mutex);
-        s->changed.wait_for(lock, kMaxStall, [&] { return s->stopping || s->released.count(b->route) > 0; });
-        if (s->stopping)
+    if (r.stall_after >= 0 && !b->released && pos >= (uint64_t)r.stall_after) {
+        std::unique_lock<std::mutex> lock(b->state->mutex); // holds only this connection's thread
+        b->state->changed.wait_for(lock, std::chrono::seconds(30),
+                                   [&] { return b->state->stopping || b->state->released.count(b->path) > 0; });
+        if (b->state->stopping)
             return MHD_CONTENT_READER_END_WITH_ERROR;
         b->released = true;
     }
-    if (pos >= size)
+    uint64_t end = r.body.size();
+    for (long long limit : {r.drop_after, b->released ? -1 : r.stall_after})
+        end = limit >= 0 ? std::min<uint64_t>(end, (uint64_t)limit) : end;
+    if (pos >= end)
         return MHD_CONTENT_READER_END_OF_STREAM;
-    uint64_t limit = size;
-    if (r.drop_after >= 0)
-        limit = std::min<uint64_t>(limit, static_cast<uint64_t>(r.drop_after));
-    if (r.stall_after >= 0 && !b->released)
-        limit = std::min<uint64_t>(limit, static_cast<uint64_t>(r.stall_after));
-    const size_t n = static_cast<size_t>(std::min<uint64_t>(max, limit - pos));
+    const size_t n = (size_t)std::min<uint64_t>(max, end - pos);
     std::memcpy(buf, r.body.data() + pos, n);
-    return static_cast<ssize_t>(n);
+    return (ssize_t)n;
 }
 
-void FreeBody(void* cls) { delete static_cast<Body*>(cls); }
-
-MHD_Result Answer(void* cls, MHD_Connection* connection, const char* url, const char* method, const char*,
-                  const char*, size_t* upload_data_size, void** con_cls)
+MHD_Result Answer(void* cls, MHD_Connection* connection, const char* url, const char*, const char*, const char*,
+                  size_t* upload_size, void** con_cls)
 {
     auto* s = static_cast<State*>(cls);
-    auto* ex = static_cast<Exchange*>(*con_cls);
-    if (ex == nullptr) { // not expected: the request-line callback always runs first
-        ex = new Exchange;
-        ex->target = url;
-        *con_cls = ex;
-    }
-
-    TestServer::Request req;
-    req.method = method;
-    req.target = ex->target;
-    req.via_proxy = ProxyPath(ex->target, &req.path);
-    if (!req.via_proxy)
-        req.path = ex->target;
-
-    if (!ex->recorded) {
-        // Headers are complete on the first call; the body (if any) follows.
-        ex->recorded = true;
-        MHD_get_connection_values(connection, MHD_HEADER_KIND, CollectHeader, &req.headers);
-        std::lock_guard<std::mutex> lock(s->mutex);
-        s->requests.push_back(std::move(req));
-        s->changed.notify_all();
+    if (*con_cls == nullptr) { // headers are complete on the first call
+        *con_cls = s;
         return MHD_YES;
     }
-    if (*upload_data_size != 0) { // request bodies are read and dropped
-        *upload_data_size = 0;
+    if (*upload_size != 0) { // request bodies are dropped
+        *upload_size = 0;
         return MHD_YES;
     }
-
+    TestServer::Request req{url, {}, false};
+    const size_t scheme = req.path.find("://");
+    if (req.path[0] != '/' && scheme != std::string::npos) { // absolute-form: a proxy request
+        const size_t slash = req.path.find('/', scheme + 3);
+        req.path = slash == std::string::npos ? "/" : req.path.substr(slash);
+        req.via_proxy = true;
+    }
+    MHD_get_connection_values(connection, MHD_HEADER_KIND, AddHeader, &req.headers);
     std::shared_ptr<const TestServer::Response> r;
-    std::string route;
     {
         std::lock_guard<std::mutex> lock(s->mutex);
         auto it = s->routes.find(req.path);
-        if (it == s->routes.end())
-            it = s->routes.find(req.path.substr(0, req.path.find('?')));
-        if (it != s->routes.end()) {
-            r = it->second;
-            route = it->first;
-        }
+        r = it != s->routes.end() ? it->second : nullptr;
+        s->requests.push_back(req);
+        s->changed.notify_all();
     }
-    if (r == nullptr) {
-        static const char kNotFound[] = "Not Found";
-        MHD_Response* nf = MHD_create_response_from_buffer(sizeof kNotFound - 1, const_cast<char*>(kNotFound),
-                                                           MHD_RESPMEM_PERSISTENT);
-        MHD_Result ret = MHD_queue_response(connection, MHD_HTTP_NOT_FOUND, nf);
-        MHD_destroy_response(nf);
-        return ret;
-    }
-
+    static const TestServer::Response kNotFound{404, {}, "Not Found"};
+    const TestServer::Response& chosen = r ? *r : kNotFound;
     MHD_Response* response = nullptr;
-    if (!r->file.empty()) {
-        const int fd = open(r->file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (!chosen.file.empty()) {
+        const int fd = open(chosen.file.c_str(), O_RDONLY | O_CLOEXEC);
         struct stat info {};
-        if (fd < 0 || fstat(fd, &info) != 0) {
-            if (fd >= 0)
-                close(fd);
-            return MHD_NO;
-        }
-        response = MHD_create_response_from_fd64(static_cast<uint64_t>(info.st_size), fd); // takes the descriptor
-    } else if (!r->chunked && r->stall_after < 0 && r->drop_after < 0) {
-        response = MHD_create_response_from_buffer(r->body.size(), const_cast<char*>(r->body.data()),
-                                                   MHD_RESPMEM_MUST_COPY);
-    } else {
-        // A dropped body announces its full length, so the client sees a short read.
-        const uint64_t size = r->chunked && r->drop_after < 0 ? MHD_SIZE_UNKNOWN : r->body.size();
-        response = MHD_create_response_from_callback(size, kBlockSize, ReadBody, new Body{s, r, route},
-                                                     FreeBody);
+        if (fd < 0 || fstat(fd, &info) != 0)
+            return fd >= 0 && close(fd), MHD_NO;
+        response = MHD_create_response_from_fd64((uint64_t)info.st_size, fd); // takes the descriptor
+    } else if (!chosen.chunked && chosen.stall_after < 0 && chosen.drop_after < 0) {
+        response = MHD_create_response_from_buffer(chosen.body.size(), (void*)chosen.body.data(), MHD_RESPMEM_MUST_COPY);
+    } else { // a dropped body announces its full length, so the client sees a short read
+        const uint64_t size = chosen.chunked && chosen.drop_after < 0 ? MHD_SIZE_UNKNOWN : chosen.body.size();
+        response = MHD_create_response_from_callback(size, 32 * 1024, ReadBody, new Body{s, r, req.path},
+                                                     [](void* b) { delete static_cast<Body*>(b); });
     }
     if (response == nullptr)
         return MHD_NO;
-    for (const auto& h : r->headers)
+    for (const auto& h : chosen.headers)
         MHD_add_response_header(response, h.first.c_str(), h.second.c_str());
-    MHD_Result ret = MHD_queue_response(connection, static_cast<unsigned int>(r->status), response);
+    const MHD_Result ret = MHD_queue_response(connection, (unsigned)chosen.status, response);
     MHD_destroy_response(response);
     return ret;
 }
 
+std::string Slurp(const char* path)
+{
+    std::ostringstream out;
+    out << std::ifstream(path, std::ios::binary).rdbuf();
+    return out.str();
+}
 } // namespace
 
 TestServer::TestServer(bool https) : state_(new State)
 {
     State* s = state_.get();
-    s->https = https;
+    s->scheme = https ? "https" : "http";
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
-    addr.sin_port = 0; // any free port, read back below
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-
-    // poll(), not select(): load tests open more than FD_SETSIZE descriptors.
-    unsigned int flags =
-        MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL | MHD_USE_ERROR_LOG;
-    // A small stack per connection thread: thousands of held connections
-    // must fit in a 32-bit address space.
+    // poll(), not select(): load tests hold more than FD_SETSIZE connections,
+    // each with a small stack so that thousands fit a 32-bit address space.
+    unsigned flags = MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL | MHD_USE_ERROR_LOG;
     std::vector<MHD_OptionItem> options = {
         {MHD_OPTION_SOCK_ADDR, 0, &addr},
-        {MHD_OPTION_URI_LOG_CALLBACK, reinterpret_cast<intptr_t>(OnRequestLine), nullptr},
-        {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(OnCompleted), nullptr},
+        // Without a completion callback the sockets of finished connections stayed open.
+        {MHD_OPTION_NOTIFY_COMPLETED, (intptr_t)+[](void*, MHD_Connection*, void**, MHD_RequestTerminationCode) {}, nullptr},
         {MHD_OPTION_CONNECTION_TIMEOUT, 120, nullptr},
         {MHD_OPTION_CONNECTION_LIMIT, 16000, nullptr},
         {MHD_OPTION_THREAD_STACK_SIZE, 256 * 1024, nullptr},
@@ -234,23 +158,15 @@ TestServer::TestServer(bool https) : state_(new State)
     if (https) {
         s->cert = Slurp(UD_TEST_CERT);
         s->key = Slurp(UD_TEST_KEY);
-        if (s->cert.empty() || s->key.empty())
-            throw std::runtime_error("cannot read the test certificate " UD_TEST_CERT " or its key");
         flags |= MHD_USE_TLS;
-        options.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, const_cast<char*>(s->key.c_str())});
-        options.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, const_cast<char*>(s->cert.c_str())});
+        options.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, s->key.data()});
+        options.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, s->cert.data()});
     }
     options.push_back({MHD_OPTION_END, 0, nullptr});
-    s->daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, Answer, s, MHD_OPTION_ARRAY, options.data(),
-                                 MHD_OPTION_END);
-    if (s->daemon == nullptr)
+    s->daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, Answer, s, MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
+    const MHD_DaemonInfo* info = s->daemon ? MHD_get_daemon_info(s->daemon, MHD_DAEMON_INFO_BIND_PORT) : nullptr;
+    if (info == nullptr || (s->port = info->port) == 0)
         throw std::runtime_error("cannot start the test server");
-    const MHD_DaemonInfo* info = MHD_get_daemon_info(s->daemon, MHD_DAEMON_INFO_BIND_PORT);
-    s->port = info != nullptr ? info->port : 0;
-    if (s->port == 0) {
-        MHD_stop_daemon(s->daemon);
-        throw std::runtime_error("cannot read the test server's port");
-    }
 }
 
 TestServer::~TestServer()
@@ -263,35 +179,27 @@ TestServer::~TestServer()
     MHD_stop_daemon(state_->daemon);
 }
 
-uint16_t TestServer::Port() const { return state_->port; }
-
 std::string TestServer::Url(const std::string& path) const
 {
-    return std::string(state_->https ? "https" : "http") + "://127.0.0.1:" + std::to_string(state_->port) + path;
+    return state_->scheme + "://127.0.0.1:" + std::to_string(state_->port) + path;
 }
 
 void TestServer::Route(const std::string& path, Response r)
 {
-    auto shared = std::make_shared<const Response>(std::move(r));
     std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->routes[path] = std::move(shared);
+    state_->routes[path] = std::make_shared<const Response>(std::move(r));
     state_->released.erase(path);
 }
 
 void TestServer::Redirect(const std::string& from, const std::string& to, int status)
 {
-    Response r;
-    r.status = status;
-    r.headers.emplace_back("Location", to);
-    Route(from, std::move(r));
+    Route(from, {status, {{"Location", to}}, ""});
 }
 
 void TestServer::Release(const std::string& path)
 {
-    {
-        std::lock_guard<std::mutex> lock(state_->mutex);
-        state_->released.insert(path);
-    }
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->released.insert(path);
     state_->changed.notify_all();
 }
 
@@ -304,31 +212,24 @@ std::vector<TestServer::Request> TestServer::Requests() const
 size_t TestServer::RequestCount(const std::string& path) const
 {
     std::lock_guard<std::mutex> lock(state_->mutex);
-    return static_cast<size_t>(std::count_if(state_->requests.begin(), state_->requests.end(),
-                                             [&](const Request& r) { return r.path == path; }));
+    return state_->Count(path);
 }
 
 bool TestServer::WaitForRequests(const std::string& path, size_t n, std::chrono::milliseconds timeout) const
 {
     std::unique_lock<std::mutex> lock(state_->mutex);
-    return state_->changed.wait_for(lock, timeout, [&] {
-        return static_cast<size_t>(std::count_if(state_->requests.begin(), state_->requests.end(),
-                                                 [&](const Request& r) { return r.path == path; })) >= n;
-    });
+    return state_->changed.wait_for(lock, timeout, [&] { return state_->Count(path) >= n; });
 }
 
 std::string Pattern(size_t size, unsigned seed)
 {
-    // xorshift32; the seed is spread so that 0 and neighbouring seeds work.
-    uint32_t x = seed * 2654435761u + 0x9e3779b9u;
-    if (x == 0)
-        x = 1;
+    uint32_t x = seed * 2654435761u + 0x9e3779b9u; // xorshift32, the seed spread out
     std::string out(size, '\0');
-    for (size_t i = 0; i < size; ++i) {
+    for (char& c : out) {
         x ^= x << 13;
         x ^= x >> 17;
         x ^= x << 5;
-        out[i] = static_cast<char>(x >> 24);
+        c = (char)(x >> 24);
     }
     return out;
 }
