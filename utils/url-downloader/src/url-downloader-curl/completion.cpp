@@ -1,4 +1,3 @@
-#include <limits.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <unistd.h>

@@ -1,6 +1,5 @@
 #include <glib.h>
 #include <inttypes.h>
-#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
