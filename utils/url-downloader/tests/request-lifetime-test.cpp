@@ -8,6 +8,7 @@
 #include <chrono>
 #include <filesystem>
 #include <future>
+#include <numeric>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,37 +22,20 @@ using namespace ud_test;
 using namespace std::chrono_literals;
 
 namespace {
-// Requests are numbered through their user data; every callback is counted.
+// Requests are numbered through their user data; request i belongs to
+// service i % 2 of a test with two. Every callback is counted, and one for a
+// request below its service's drop mark came after the call that dropped it
+// had returned.
 constexpr int kMax = 20000;
-std::atomic<int> g_calls[kMax];
-std::atomic<int> g_late[kMax]; // calls made after the request was dropped
-std::atomic<int> g_dropped_upto[2]; // per service: requests below were dropped
-std::atomic<int> g_total{0};
+std::atomic<int> g_calls[kMax], g_late[kMax], g_dropped_upto[2], g_total;
 
 bool Count(url_downloader_api_h, void*, void* user_data, int)
 {
-    int i = (int)(intptr_t)user_data;
+    const int i = (int)(intptr_t)user_data;
+    g_late[i] += (i >> 1) < g_dropped_upto[i & 1];
     ++g_calls[i];
     ++g_total;
     return true;
-}
-
-// Index i belongs to service i % 2; a callback for an index below the
-// service's drop mark came after the call that dropped it had returned.
-bool CountLate(url_downloader_api_h api, void* path, void* user_data, int error)
-{
-    int i = (int)(intptr_t)user_data;
-    if ((i >> 1) < g_dropped_upto[i & 1])
-        ++g_late[i];
-    return Count(api, path, user_data, error);
-}
-
-void Reset()
-{
-    for (int i = 0; i < kMax; ++i)
-        g_calls[i] = g_late[i] = 0;
-    g_dropped_upto[0] = g_dropped_upto[1] = 0;
-    g_total = 0;
 }
 
 class RequestLifetime : public ::testing::Test {
@@ -62,10 +46,26 @@ protected:
         server.Route("/a", {200, {}, Pattern(200, 1)});
     }
     void TearDown() override { url_downloader_finalize(); }
-    int Get(url_downloader_h svc, int index, url_downloader_api_h* api)
+    static void Reset()
     {
-        return url_downloader_download(svc, TempPath("r" + std::to_string(index % 64)).c_str(),
-                                       server.Url("/a").c_str(), false, (void*)(intptr_t)index, api);
+        for (int i = 0; i < kMax; ++i)
+            g_calls[i] = g_late[i] = 0;
+        g_dropped_upto[0] = g_dropped_upto[1] = g_total = 0;
+    }
+    int Get(url_downloader_h svc, int index, url_downloader_api_h* api = nullptr, const char* path = "/a")
+    {
+        url_downloader_api_h ignored;
+        return url_downloader_download(svc, TempPath("r" + std::to_string(index % 64)).c_str(), server.Url(path).c_str(),
+                                       false, (void*)(intptr_t)index, api != nullptr ? api : &ignored);
+    }
+    // Bounded: the count of callbacks for requests [0, n) reached, none twice.
+    static bool EachAnsweredAtMostOnce(int n)
+    {
+        RunMainLoopUntil([] { return false; }, 200ms);
+        for (int i = 0; i < n; ++i)
+            if (g_calls[i] > 1)
+                return ADD_FAILURE() << "request " << i << " answered twice", false;
+        return true;
     }
     TestServer server;
 };
@@ -95,8 +95,7 @@ TEST_F(RequestLifetime, DownloadRacingDeregisterOrCancelAll)
                 for (int k = 0; k < 4; ++k, ++index) {
                     bool after = returned;
                     url_downloader_api_h api = nullptr;
-                    int rc = url_downloader_download(svc, TempPath("race").c_str(), server.Url("/race").c_str(),
-                                                     false, (void*)(intptr_t)index, &api);
+                    int rc = Get(svc, index, &api, "/race");
                     ASSERT_TRUE(rc == 0 || (deregister && rc == 1)) << rc;
                     if (rc == 0)
                         accepted.emplace_back(index, api);
@@ -109,50 +108,22 @@ TEST_F(RequestLifetime, DownloadRacingDeregisterOrCancelAll)
             ASSERT_EQ(0, deregister ? url_downloader_deregister(svc) : url_downloader_cancel_all_requests(svc));
             returned = true;
             client.join();
-            for (auto& a : accepted) { // dropped, or it outlived its service
-                if (deregister) {
-                    ASSERT_EQ(URL_DOWNLOADER_ERROR_INVALID_API_HANDLE, url_downloader_cancel_request(watcher, a.second))
-                        << "round " << round << " request " << a.first;
-                }
-            }
+            for (auto& a : accepted) // dropped, or it outlived its service
+                ASSERT_TRUE(!deregister || url_downloader_cancel_request(watcher, a.second) == 15)
+                    << "round " << round << " request " << a.first;
             if (!deregister) { // the service goes on
-                url_downloader_api_h api;
                 survivors.push_back(index);
-                ASSERT_EQ(0, url_downloader_download(svc, TempPath("race").c_str(), server.Url("/race").c_str(), false,
-                                                     (void*)(intptr_t)index++, &api));
+                ASSERT_EQ(0, Get(svc, index++, nullptr, "/race"));
             }
             server.Release("/race");
         }
         ASSERT_TRUE(RunMainLoopUntil(
             [&] { return std::all_of(survivors.begin(), survivors.end(), [](int i) { return g_calls[i] > 0; }); },
             60s));
-        RunMainLoopUntil([] { return false; }, 100ms);
-        for (int i = 0; i < index; ++i) {
-            ASSERT_LE(g_calls[i], 1) << "request " << i << " answered twice";
-        }
-        if (deregister) {
-            EXPECT_EQ(0, g_total) << "a deregistered service was called back";
-        }
+        ASSERT_TRUE(EachAnsweredAtMostOnce(index));
+        EXPECT_TRUE(!deregister || g_total == 0) << "a deregistered service was called back";
     }
 }
-
-// Two threads that meet at the same point; the main loop runs meanwhile.
-class Rendezvous {
-public:
-    void Wait()
-    {
-        int generation = generation_;
-        if (++arrived_ == 2) {
-            arrived_ = 0;
-            ++generation_;
-        }
-        while (generation_ == generation)
-            std::this_thread::yield();
-    }
-
-private:
-    std::atomic<int> arrived_{0}, generation_{0};
-};
 
 // Two threads cancelling all requests of their own services at once, over and
 // over while answers arrive: each call returns only after its own sweep and
@@ -161,10 +132,11 @@ TEST_F(RequestLifetime, ConcurrentCancelAllsEachWaitForTheirOwnSweep)
 {
     url_downloader_h svc[2];
     for (auto& s : svc)
-        ASSERT_EQ(0, url_downloader_register("cancel", CountLate, nullptr, &s));
+        ASSERT_EQ(0, url_downloader_register("cancel", Count, nullptr, &s));
     const int rounds = 300 / kScale, batch = 10;
     std::atomic<int> finished{0}, alive{0};
-    Rendezvous meet;
+    pthread_barrier_t meet; // the main loop runs meanwhile on this thread
+    pthread_barrier_init(&meet, nullptr, 2);
     std::vector<std::thread> clients;
     for (int c = 0; c < 2; ++c)
         clients.emplace_back([&, c] {
@@ -173,26 +145,23 @@ TEST_F(RequestLifetime, ConcurrentCancelAllsEachWaitForTheirOwnSweep)
                 for (int k = 0; k < batch; ++k)
                     EXPECT_EQ(0, Get(svc[c], (round * batch + k) * 2 + c, &api[k]));
                 std::this_thread::sleep_for(std::chrono::microseconds(round % 7 * 300)); // answers arrive
-                meet.Wait();
+                pthread_barrier_wait(&meet);
                 EXPECT_EQ(0, url_downloader_cancel_all_requests(svc[c]));
                 g_dropped_upto[c] = (round + 1) * batch;
                 // No new request exists until both have looked, so a dead
                 // handle's address cannot be in use again.
                 for (auto a : api)
                     alive += url_downloader_cancel_request(svc[c], a) != URL_DOWNLOADER_ERROR_INVALID_API_HANDLE;
-                meet.Wait();
+                pthread_barrier_wait(&meet);
             }
             ++finished;
         });
     EXPECT_TRUE(RunMainLoopUntil([&] { return finished == 2; }, 120s));
     for (auto& t : clients)
         t.join();
-    RunMainLoopUntil([] { return false; }, 200ms);
-    int late = 0;
-    for (int i = 0; i < 2 * rounds * batch; ++i) {
-        late += g_late[i];
-        ASSERT_LE(g_calls[i], 1) << "request " << i << " answered twice";
-    }
+    pthread_barrier_destroy(&meet);
+    ASSERT_TRUE(EachAnsweredAtMostOnce(2 * rounds * batch));
+    const int late = std::accumulate(std::begin(g_late), std::end(g_late), 0);
     EXPECT_EQ(0, alive) << "requests still alive after their cancel-all returned";
     EXPECT_EQ(0, late) << "callbacks for requests dropped by a cancel-all that had returned";
 }
@@ -268,11 +237,8 @@ TEST_F(RequestLifetime, FinalizeWhileThousandsOfAnswersLand)
     // Failures, so that no cache admission or sync slows the answers down.
     server.Route("/held", {500, {}, "x", false, 0});
     ASSERT_EQ(0, url_downloader_register("held", Count, nullptr, &svc));
-    for (int i = 0; i < n; ++i) {
-        url_downloader_api_h api;
-        ASSERT_EQ(0, url_downloader_download(svc, TempPath("h" + std::to_string(i)).c_str(),
-                                             server.Url("/held").c_str(), false, (void*)(intptr_t)i, &api));
-    }
+    for (int i = 0; i < n; ++i)
+        ASSERT_EQ(0, Get(svc, i, nullptr, "/held"));
     // Slow under ThreadSanitizer, where each held connection is a server thread.
     ASSERT_TRUE(server.WaitForRequests("/held", n, 200s));
     server.Release("/held");
