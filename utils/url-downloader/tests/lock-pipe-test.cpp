@@ -98,40 +98,6 @@ protected:
     }
 };
 
-TEST_F(ProcessingPipe, ConcurrentWritersDeliverWholeOrderedRecords)
-{
-    constexpr int kThreads = 8;
-    constexpr intptr_t kPerThread = 3000; // several times the pipe's capacity
-    std::vector<std::thread> writers;
-    std::atomic<int> failures{0};
-    for (int t = 0; t < kThreads; ++t)
-        writers.emplace_back([t, &failures] {
-            for (intptr_t i = 1; i <= kPerThread; ++i) {
-                url_downloader_message_t m{0, t + 1, (url_downloader_h)i, (url_downloader_api_h)(i * 7 + t),
-                                           (url_downloader_response_info_t*)~i};
-                url_downloader_error e = URL_DOWNLOADER_ERROR_PIPE_READ_FAILED;
-                url_downloader_write_pipe(&m, &e);
-                failures += e != URL_DOWNLOADER_ERROR_NONE;
-            }
-        });
-    std::vector<intptr_t> next(kThreads, 1);
-    int bad = 0;
-    for (intptr_t n = 0; n < kThreads * kPerThread; ++n) {
-        url_downloader_message_t m;
-        url_downloader_error e;
-        _url_downloader_read_pipe(&m, &e);
-        ASSERT_EQ(URL_DOWNLOADER_ERROR_NONE, e);
-        const int t = m.type - 1;
-        ASSERT_TRUE(t >= 0 && t < kThreads) << "torn record";
-        const intptr_t i = (intptr_t)m.service; // fields belong together, one writer's keep their order
-        bad += m.reserved != 0 || (intptr_t)m.api != i * 7 + t || (intptr_t)m.info != ~i || i != next[t]++;
-    }
-    for (auto& w : writers)
-        w.join();
-    EXPECT_EQ(0, bad);
-    EXPECT_EQ(0, failures.load());
-}
-
 TEST_F(ProcessingPipe, AFailedWriteReportsItsCodeAndReleasesTheLock)
 {
     url_downloader_message_t m{};
