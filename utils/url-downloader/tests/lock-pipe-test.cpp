@@ -32,43 +32,9 @@ bool FreeForOthers(Take take)
     return other.get();
 }
 
-TEST(LockUtility, RecursiveExclusiveLazyAndIdempotent)
-{
-    LogCapture log;
-    pthread_mutex_t m;
-    bool init = false;
-    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_LOCK)); // brings it up first
-    EXPECT_TRUE(init);
-    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_LOCK));
-    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_UNLOCK));
-    auto other = std::async(std::launch::async, [&] {
-        return Op(&m, &init, URL_DOWNLOADER_MUTEX_LOCK) == URL_DOWNLOADER_ERROR_NONE &&
-               Op(&m, &init, URL_DOWNLOADER_MUTEX_UNLOCK) == URL_DOWNLOADER_ERROR_NONE;
-    });
-    EXPECT_EQ(std::future_status::timeout, other.wait_for(200ms)) << "taken by another while still held once";
-    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_UNLOCK));
-    ASSERT_EQ(std::future_status::ready, other.wait_for(10s));
-    EXPECT_TRUE(other.get());
-    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, 4)); // unknown: logged, nothing changes
-    EXPECT_TRUE(log.Contains(kDebug, "url_downloader_mutex_utility", "Mutex operation type 4 not handled"));
-    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_DESTROY));
-    EXPECT_FALSE(init);
-    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_DESTROY));
-    EXPECT_EQ(URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED, Op(nullptr, &init, URL_DOWNLOADER_MUTEX_LOCK));
-    EXPECT_EQ(URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED, Op(&m, nullptr, URL_DOWNLOADER_MUTEX_LOCK));
-    EXPECT_FALSE(_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, nullptr));
-    EXPECT_TRUE(FreeForOthers([] { // a wrapper without an error word leaves its lock alone
-        url_downloader_error e;
-        return _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &e) &&
-               _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &e);
-    }));
-#if !defined(__SANITIZE_THREAD__) // it stops at the deliberate misuse
-    EXPECT_EQ(URL_DOWNLOADER_ERROR_MUTEX_UNLOCK_FAILED, Op(&m, &init, URL_DOWNLOADER_MUTEX_UNLOCK));
-    Op(&m, &init, URL_DOWNLOADER_MUTEX_DESTROY);
-#endif
-}
-
-TEST(LockUtility, ConcurrentFirstUseInitialisesOnceAndExcludes)
+// Eight threads meet the lock at its first use: it is set up once, taken
+// again by its holder, and excludes the others.
+TEST(LockUtility, FirstUseFromManyThreadsIsSetUpOnceRecursiveAndExclusive)
 {
     static pthread_mutex_t m;
     static bool init = false;
@@ -77,14 +43,43 @@ TEST(LockUtility, ConcurrentFirstUseInitialisesOnceAndExcludes)
     for (int t = 0; t < 8; ++t)
         threads.emplace_back([] {
             for (int i = 0; i < 2000; ++i) {
-                ASSERT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_LOCK));
-                ++counter;
-                ASSERT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_UNLOCK));
+                for (int op : {URL_DOWNLOADER_MUTEX_LOCK, URL_DOWNLOADER_MUTEX_LOCK})
+                    ASSERT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, op));
+                const long seen = counter;
+                std::this_thread::yield();
+                counter = seen + 1;
+                for (int op : {URL_DOWNLOADER_MUTEX_UNLOCK, URL_DOWNLOADER_MUTEX_UNLOCK})
+                    ASSERT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, op));
             }
         });
     for (auto& t : threads)
         t.join();
     EXPECT_EQ(8 * 2000, counter);
+    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_DESTROY));
+    EXPECT_FALSE(init);
+    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_DESTROY)); // twice is harmless
+}
+
+TEST(LockUtility, MisuseIsRefusedWithItsCodeAndLeavesTheLockFree)
+{
+    LogCapture log;
+    pthread_mutex_t m;
+    bool init = false;
+    EXPECT_EQ(URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED, Op(nullptr, &init, URL_DOWNLOADER_MUTEX_LOCK));
+    EXPECT_EQ(URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED, Op(&m, nullptr, URL_DOWNLOADER_MUTEX_LOCK));
+    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, 4)); // unknown: logged, nothing changes
+    EXPECT_TRUE(log.Contains(kDebug, "url_downloader_mutex_utility", "Mutex operation type 4 not handled"));
+    EXPECT_FALSE(_url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, nullptr));
+    EXPECT_TRUE(FreeForOthers([] { // a wrapper without an error word leaves its lock alone
+        url_downloader_error e;
+        return _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &e) &&
+               _url_downloader_list_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &e);
+    }));
+#if !defined(__SANITIZE_THREAD__) // it stops at the deliberate misuse
+    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_LOCK));
+    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_UNLOCK));
+    EXPECT_EQ(URL_DOWNLOADER_ERROR_MUTEX_UNLOCK_FAILED, Op(&m, &init, URL_DOWNLOADER_MUTEX_UNLOCK));
+#endif
     Op(&m, &init, URL_DOWNLOADER_MUTEX_DESTROY);
 }
 
