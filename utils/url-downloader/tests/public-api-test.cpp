@@ -157,7 +157,7 @@ TEST_F(PublicApi, EachTransferEndsInOneCallbackWithItsOutcome)
     EXPECT_FALSE(FileExists(TempPath("empty")));
     EXPECT_EQ(Pattern(50000, 8).substr(0, 20000), ReadFile(TempPath("dropped")));
     for (const auto& r : server.Requests())
-        EXPECT_EQ("Korvane User Agent", r.headers.at("user-agent"));
+        EXPECT_EQ("Korvane User Agent", r.user_agent);
     // A success is admitted with its size and the server's lifetime.
     EXPECT_EQ(1, CountCacheRows("url='" + server.Url("/chunked") + "' and filesize=300000 and expirytime between " +
                                 std::to_string(before + 600) + " and " + std::to_string(after + 600)));

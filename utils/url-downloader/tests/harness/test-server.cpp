@@ -8,6 +8,7 @@
 #include <fstream>
 #include <microhttpd.h>
 #include <mutex>
+#include <random>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -43,14 +44,6 @@ struct Body {
     std::string path;
     bool released = false;
 };
-
-MHD_Result AddHeader(void* cls, MHD_ValueKind, const char* key, const char* value)
-{
-    std::string name = key;
-    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
-    (*static_cast<std::map<std::string, std::string>*>(cls))[name] = value != nullptr ? value : "";
-    return MHD_YES;
-}
 
 ssize_t ReadBody(void* cls, uint64_t pos, char* buf, size_t max)
 {
@@ -88,14 +81,15 @@ MHD_Result Answer(void* cls, MHD_Connection* connection, const char* url, const 
         *upload_size = 0;
         return MHD_YES;
     }
-    TestServer::Request req{url, {}, false};
+    TestServer::Request req{url, "", false};
     const size_t scheme = req.path.find("://");
     if (req.path[0] != '/' && scheme != std::string::npos) { // absolute-form: a proxy request
         const size_t slash = req.path.find('/', scheme + 3);
         req.path = slash == std::string::npos ? "/" : req.path.substr(slash);
         req.via_proxy = true;
     }
-    MHD_get_connection_values(connection, MHD_HEADER_KIND, AddHeader, &req.headers);
+    const char* agent = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_USER_AGENT);
+    req.user_agent = agent != nullptr ? agent : "";
     std::shared_ptr<const TestServer::Response> r;
     {
         std::lock_guard<std::mutex> lock(s->mutex);
@@ -223,14 +217,10 @@ bool TestServer::WaitForRequests(const std::string& path, size_t n, std::chrono:
 
 std::string Pattern(size_t size, unsigned seed)
 {
-    uint32_t x = seed * 2654435761u + 0x9e3779b9u; // xorshift32, the seed spread out
+    std::mt19937 random(seed);
     std::string out(size, '\0');
-    for (char& c : out) {
-        x ^= x << 13;
-        x ^= x >> 17;
-        x ^= x << 5;
-        c = (char)(x >> 24);
-    }
+    for (char& c : out)
+        c = (char)(random() >> 24);
     return out;
 }
 

@@ -28,7 +28,7 @@ public:
     };
     struct Request {
         std::string path; // unknown paths get 404
-        std::map<std::string, std::string> headers; // names in lower case
+        std::string user_agent;
         bool via_proxy = false;
     };
 
