@@ -175,8 +175,7 @@ TEST(CliCache, HitsAreMarkedMakeNoTransferAndTheListShowsRowsByApplication)
     auto run = [](const Lines& args) { // the one result line of a run, or else its output's lines
         Client client(args);
         EXPECT_EQ(client.Wait(), 0) << client.Err();
-        const auto results = Results(client.Out());
-        return results.size() == 1 ? results[0] : Split(client.Out(), '\n');
+        return Results(client.Out()).size() == 1 ? Results(client.Out())[0] : Split(client.Out(), '\n');
     };
     const std::string header = "APP\tURL\tPATH\tSIZE\tEXPIRES\tFILE";
     const std::string row1 = "a1\t" + url1 + "\t" + one + "\t4\t2030-11-01 13:05:00\t";
@@ -184,6 +183,7 @@ TEST(CliCache, HitsAreMarkedMakeNoTransferAndTheListShowsRowsByApplication)
 
     EXPECT_EQ(run({"cache", "list"}), Lines{header}); // no table yet
     EXPECT_EQ(run({"get", "--cache", "--app", "a1", url1 + "=" + one}), (Lines{url1, one, "4", kOk, "network"}));
+    ASSERT_TRUE(ud_test::FileExists(ud_test::CacheDbPath())) << "the database was not redirected";
     EXPECT_EQ(run({"get", "--cache", "--app", "a2", url2 + "=" + two}), (Lines{url2, two, "4", kOk, "network"}));
     // Asked for elsewhere: delivered at the cached file, nothing written there.
     EXPECT_EQ(run({"get", "--cache", "--app", "a2", url1 + "=" + other}), (Lines{url1, one, "4", kOk, "cache"}));
