@@ -127,12 +127,16 @@ TEST_F(RequestLifetime, DownloadRacingDeregisterOrCancelAll)
 
 // Two threads cancelling all requests of their own services at once, over and
 // over while answers arrive: each call returns only after its own sweep and
-// any running callback of its requests; no dropped request is called back.
+// any running callback of its requests; no dropped request is called back,
+// and a third service's request outlives them all.
 TEST_F(RequestLifetime, ConcurrentCancelAllsEachWaitForTheirOwnSweep)
 {
-    url_downloader_h svc[2];
-    for (auto& s : svc)
-        ASSERT_EQ(0, url_downloader_register("cancel", Count, nullptr, &s));
+    url_downloader_h svc[2], bystander; // whose request outlives the others' cancel-alls
+    for (auto* s : {&svc[0], &svc[1], &bystander})
+        ASSERT_EQ(0, url_downloader_register("cancel", Count, nullptr, s));
+    server.Route("/held", {200, {}, "kept", false, 0});
+    ASSERT_EQ(0, Get(bystander, kMax - 1, nullptr, "/held"));
+    ASSERT_TRUE(server.WaitForRequests("/held", 1, 10s));
     const int rounds = 300 / kScale, batch = 10;
     std::atomic<int> finished{0}, alive{0};
     pthread_barrier_t meet; // the main loop runs meanwhile on this thread
@@ -160,6 +164,8 @@ TEST_F(RequestLifetime, ConcurrentCancelAllsEachWaitForTheirOwnSweep)
     for (auto& t : clients)
         t.join();
     pthread_barrier_destroy(&meet);
+    server.Release("/held");
+    EXPECT_TRUE(RunMainLoopUntil([] { return g_calls[kMax - 1] == 1; }, 10s)) << "another service's request was dropped";
     ASSERT_TRUE(EachAnsweredAtMostOnce(2 * rounds * batch));
     const int late = std::accumulate(std::begin(g_late), std::end(g_late), 0);
     EXPECT_EQ(0, alive) << "requests still alive after their cancel-all returned";
