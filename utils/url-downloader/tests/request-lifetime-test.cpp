@@ -207,26 +207,18 @@ TEST_F(RequestLifetime, DroppingCallsWaitForARunningCallback)
 TEST_F(RequestLifetime, StaleServiceHandleStaysDead)
 {
     url_downloader_config_t config{const_cast<char*>("http://127.0.0.1:9")};
-    for (int i = 0; i < 400; ++i) {
-        const bool finalize = i % 2 == 0;
+    for (int i = 0; i < 400 && !HasFailure(); ++i) {
         url_downloader_h old_svc, new_svc[4];
         url_downloader_api_h api;
         ASSERT_EQ(0, url_downloader_register("old", nullptr, nullptr, &old_svc));
-        if (finalize)
-            url_downloader_finalize();
-        else
-            ASSERT_EQ(0, url_downloader_deregister(old_svc));
+        i % 2 == 0 ? url_downloader_finalize() : (void)url_downloader_deregister(old_svc);
         for (auto& s : new_svc) // one of them would often get the old address
             ASSERT_EQ(0, url_downloader_register("new", nullptr, nullptr, &s));
-        const int results[] = {url_downloader_download(old_svc, "/p", "u", false, nullptr, &api),
-                               url_downloader_configure_network(old_svc, &config),
-                               url_downloader_cancel_all_requests(old_svc), url_downloader_clean(old_svc),
-                               url_downloader_deregister(old_svc)};
-        for (int rc : results)
-            EXPECT_EQ(1, rc) << "try " << i << (finalize ? " after finalize" : " after deregister");
+        for (int rc : {url_downloader_download(old_svc, "/p", "u", false, nullptr, &api),
+                       url_downloader_configure_network(old_svc, &config), url_downloader_cancel_all_requests(old_svc),
+                       url_downloader_clean(old_svc), url_downloader_deregister(old_svc)})
+            EXPECT_EQ(1, rc) << "try " << i << (i % 2 == 0 ? " after finalize" : " after deregister");
         url_downloader_finalize();
-        if (HasFailure())
-            break;
     }
 }
 
