@@ -1,14 +1,13 @@
-// The URL cache: its table's records and trim, when a cached entry may answer
-// a download, and how finished downloads enter the bounded cache that every
-// process of the device shares.
+// The URL cache: its table and trim, when a cached entry may answer a download,
+// and how downloads enter the bounded cache that every process shares.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <memory>
+#include <numeric>
 #include <sqlite3.h>
 #include <thread>
 #include <vector>
@@ -26,8 +25,7 @@
 using namespace ud_test;
 using namespace std::chrono_literals;
 
-// The library in this program reads this clock: a test may move it, to stand
-// where 32-bit time arithmetic would wrap.
+// The library in this program reads this clock: a test moves it where 32-bit time arithmetic would wrap.
 static std::atomic<int64_t> g_clock_shift{0};
 extern "C" time_t time(time_t* out)
 {
@@ -45,9 +43,8 @@ char* S(const char* s) { return const_cast<char*>(s); }
 const char* const kTable = "create table qeturlcache (id INTEGER PRIMARY KEY AUTOINCREMENT, url TEXT, filepath TEXT, "
                            "filesize INTEGER, downloadtime INTEGER, expirytime INTEGER, appname TEXT);";
 
-// A row admitted through the public call, which trims first, or put straight
-// into the table.
-bool Add(const std::string& url, const char* path, int64_t size, int64_t expiry, bool admit = true, const char* app = "t")
+// A row through the public admission, which trims first, or straight into the table.
+bool Add(std::string url, const char* path, int64_t size, int64_t expiry, bool admit = true, const char* app = "t")
 {
     url_downloader_cache c{0, S(url.c_str()), S(path), size, 1700000000, expiry, S(app)};
     url_downloader_error error = URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED;
@@ -56,16 +53,18 @@ bool Add(const std::string& url, const char* path, int64_t size, int64_t expiry,
                  : Cache()->addUrlCache(record);
 }
 
-// Runs body(c) in n child processes at once, each ended after two minutes;
-// true when every one returned true.
-bool InChildren(int n, const std::function<bool(int)>& body)
+// n child processes at once (as user uid unless -1, ended after 2 min) admit rows; true if none failed.
+bool AdmitInChildren(int n, int rows, int64_t size, uid_t uid = -1)
 {
     CacheDbPath(); // fixes the shared folder before the fork
     std::vector<pid_t> children;
     for (int c = 0; c < n; ++c)
         if (children.emplace_back(fork()) == 0) {
             alarm(120);
-            _exit(body(c) ? 0 : 1);
+            bool ok = uid == (uid_t)-1 || (setgid(uid) == 0 && setuid(uid) == 0);
+            for (int i = 0; i < rows; ++i)
+                ok &= Add("http://" + std::to_string(getpid()) + "/" + std::to_string(i), "/f", size, 2e9 + i);
+            _exit(ok ? 0 : 1);
         }
     bool ok = true;
     for (pid_t pid : children) {
@@ -75,8 +74,7 @@ bool InChildren(int n, const std::function<bool(int)>& body)
     return ok;
 }
 
-// A connection of another process's kind, open for its scope, that runs sql
-// first: a lock to hold, or a change to make.
+// Another process's connection for its scope, which runs sql first: a lock to hold, or a change.
 struct Peer {
     sqlite3* db = nullptr;
     explicit Peer(const std::string& sql)
@@ -90,13 +88,12 @@ struct Peer {
 
 // Downloads each path, with the cache or not, and waits up to bound for the callbacks.
 bool DownloadAll(url_downloader_h svc, const TestServer& server, const std::vector<std::string>& paths,
-                 std::chrono::seconds bound, bool use_cache = true)
+                 std::chrono::seconds bound, bool cache = true)
 {
     const size_t before = Deliveries::Count();
     url_downloader_api_h api;
     for (const std::string& p : paths)
-        if (url_downloader_download(svc, TempPath(p.substr(1)).c_str(), server.Url(p).c_str(), use_cache, nullptr,
-                                    &api) != 0)
+        if (url_downloader_download(svc, TempPath(p.substr(1)).c_str(), server.Url(p).c_str(), cache, nullptr, &api))
             return false;
     return Deliveries::WaitFor(before + paths.size(), bound);
 }
@@ -113,8 +110,9 @@ protected:
 };
 } // namespace
 
-// In a database an earlier run made, whose row stays.
-TEST_F(CacheTest, RecordsRoundTripQuotesNullsWideNumbersAndExactUrls)
+// Records round-trip in a database an earlier run made, which keeps its row;
+// a database that cannot be opened fails every operation.
+TEST_F(CacheTest, RecordsRoundTripAndAnUnopenableDatabaseFailsEveryOperation)
 {
     Peer{std::string(kTable) + "insert into qeturlcache (url, filesize) values ('u', 5);"};
     const int64_t far = INT64_C(4102444800); // past 2^32: a 32-bit column or long would mangle it
@@ -135,10 +133,8 @@ TEST_F(CacheTest, RecordsRoundTripQuotesNullsWideNumbersAndExactUrls)
     EXPECT_TRUE(Cache()->deleteUrlCache(S("app'1")));
     EXPECT_EQ(0, CountCacheRows("url='http://h/it''s'"));
     EXPECT_EQ(2, CountCacheRows());
-}
 
-TEST_F(CacheTest, UnopenableDatabaseFailsEveryOperation)
-{
+    FreshCacheDb();
     FailDbOpen(true);
     LogCapture log;
     url_downloader_cache c{0, S("u"), S("/p"), 1, 1, 1, nullptr};
@@ -156,27 +152,19 @@ TEST_F(CacheTest, UnopenableDatabaseFailsEveryOperation)
 // is used; an admission trims first, and only past the budget.
 TEST_F(CacheTest, TrimCountsDownFromTheBudgetInExpiryOrder)
 {
-    struct {
-        std::vector<int64_t> sizes;
-        int64_t remainder;
-        size_t left;
-    } const cases[] = {
-        {{}, 10485760, 0},
+    const struct { std::vector<int64_t> sizes; int64_t remainder; size_t left; } cases[] = {
+        {{}, 10485760, 0},                                // the sum over no rows is NULL, read as 0
         {std::vector<int64_t>(10, 1000000), 4485760, 4}, // five leave 5,485,760: not yet below half
         {{2621440, 2621440, 1000, 1000}, 5241880, 1},     // exactly half deleted is not enough
         {{20000000, 5}, -9514240, 1},
         {std::vector<int64_t>(150, 10000), 9485760, 50},                          // one trim reads 100 rows at most
         {{INT64_C(3) << 30, INT64_C(3) << 30}, 10485760 - (INT64_C(3) << 30), 1}, // sums past 2^32
     };
-    EXPECT_EQ(0, Cache()->getUrlCacheSize()); // the sum over no rows is NULL
     for (const auto& c : cases) {
         SCOPED_TRACE(c.remainder);
-        int64_t sum = 0;
-        for (size_t i = 0; i < c.sizes.size(); ++i) { // row i expires at 1000 + i: trimmed in this order
+        for (size_t i = 0; i < c.sizes.size(); ++i) // row i expires at 1000 + i: trimmed in this order
             ASSERT_TRUE(Add("http://h/" + std::to_string(i), nullptr, c.sizes[i], 1000 + int64_t(i), false));
-            sum += c.sizes[i];
-        }
-        EXPECT_EQ(sum, Cache()->getUrlCacheSize());
+        EXPECT_EQ(std::accumulate(c.sizes.begin(), c.sizes.end(), INT64_C(0)), Cache()->getUrlCacheSize());
         EXPECT_EQ(c.remainder, Cache()->cleanUrlCache());
         EXPECT_EQ(int(c.left), CountCacheRows());
         EXPECT_EQ(int(c.left), CountCacheRows("expirytime >= " + std::to_string(1000 + c.sizes.size() - c.left)));
@@ -197,16 +185,11 @@ TEST_F(CacheTest, TrimCountsDownFromTheBudgetInExpiryOrder)
 TEST_F(CacheTest, LookupServesOnlyPresentSameLengthUnexpiredRegularFiles)
 {
     const int64_t later = time(nullptr) + 3600;
-    // Rows any process could write: a FIFO (opening it for reading would
-    // wait for a writer) and a folder at the cached path.
+    // Rows any process could write: a FIFO (opened for reading, it waits for a writer), a folder.
     ASSERT_EQ(0, mkfifo(TempPath("fifo").c_str(), 0600));
     std::filesystem::create_directory(TempPath("folder"));
-    const struct {
-        const char* url;
-        bool written; // with 5 bytes
-        int64_t size, expiry;
-        const char* stale; // why, as logged; NULL when served
-    } rows[] = {
+    // Files written hold 5 bytes; stale is why the row is stale, as logged (NULL: served).
+    const struct { const char* url; bool written; int64_t size, expiry; const char* stale; } rows[] = {
         {"missing", false, 5, later, "downloaded file missing in file-system"},
         {"resized", true, 6, later, "size mismatch. \nDB stored size is 6, and actaul size is 5"},
         {"expired", true, 5, time(nullptr), "But expired Id=[3]"}, // expiring now is expired
@@ -235,9 +218,8 @@ TEST_F(CacheTest, LookupServesOnlyPresentSameLengthUnexpiredRegularFiles)
     EXPECT_TRUE(std::filesystem::exists(TempPath("expired")));
 }
 
-// Past 32 bits: a body over 2 GiB, expiry times after January 2038 (an
-// Expires date, the default 180 days added to a clock late in 2037); each is
-// stored exactly and then answers the same URL from the cache.
+// Past 32 bits: a body over 2 GiB, expiry times after 2038 (an Expires date, the default 180 days
+// added to a clock late in 2037); each is stored exactly and then answers the URL from the cache.
 TEST_F(CacheTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
 {
     setenv("TZ", "UTC0", 1);
@@ -247,16 +229,11 @@ TEST_F(CacheTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
     std::ofstream(TempPath("big-source"), std::ios::binary).put('x');
     ASSERT_EQ(0, truncate(TempPath("big-source").c_str(), big));
     TestServer server;
-    TestServer::Response file_response;
-    file_response.file = TempPath("big-source");
-    server.Route("/big", file_response);
+    server.Route("/big", {200, {}, "", false, -1, -1, TempPath("big-source")});
     server.Route("/2040", {200, {{"Expires", "Tue, 01 May 2040 16:00:00 GMT"}}, "body"});
     const int64_t late_2037 = 2145830400; // 2037-12-31 00:00:00 UTC
     g_clock_shift = late_2037 - (int64_t)::time(nullptr);
-    const struct {
-        const char* path;
-        int64_t size, lowest_expiry, highest_expiry;
-    } cases[] = {
+    const struct { const char* path; int64_t size, lowest_expiry, highest_expiry; } cases[] = {
         {"/big", big, late_2037 + 15552000, late_2037 + 15552000 + 60},
         {"/2040", 4, 2219500800, 2219500800},
     };
@@ -279,40 +256,26 @@ TEST_F(CacheTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
     }
 }
 
-// Every process of the device, whatever its user, shares the cache: one that
-// did not create the database still admits rows into it. Two admitting at
-// once, also while each admission trims, never fail and lose no row.
+// Two processes admitting at once, also while each admission trims, never fail and lose no row;
+// a process of another user than the database's also admits into it.
 TEST_F(CacheTest, ProcessesShareTheCache)
 {
-    const auto admit = [](int rows, int64_t size) {
-        return [=](int c) {
-            bool ok = true;
-            for (int i = 0; i < rows; ++i)
-                ok &= Add("http://p" + std::to_string(c) + "/" + std::to_string(i), "/f", size, 2e9 + i);
-            return ok;
-        };
-    };
-    EXPECT_TRUE(InChildren(2, admit(500, 1)));
+    EXPECT_TRUE(AdmitInChildren(2, 500, 1));
     EXPECT_EQ(1000, CountCacheRows()) << "rows lost";
-    EXPECT_TRUE(InChildren(2, admit(300, 3000000))); // a trim every other admission
+    EXPECT_TRUE(AdmitInChildren(2, 300, 3000000)); // a trim every other admission
     if (geteuid() != 0)
         GTEST_SKIP() << "switching to another user needs root";
-    FreshCacheDb();
     ASSERT_EQ(0, chmod(TempDir().c_str(), 0777)); // standing in for the device's shared folder
-    ASSERT_TRUE(InChildren(1, admit(1, 1)));
     for (const char* suffix : {"", "-wal", "-shm"}) {
         struct stat info {};
         ASSERT_EQ(0, stat((CacheDbPath() + suffix).c_str(), &info)) << suffix;
         EXPECT_EQ(0666u, info.st_mode & 0777) << suffix;
     }
-    const uid_t nobody = 65534;
-    EXPECT_TRUE(InChildren(1, [&](int) { return setgid(nobody) == 0 && setuid(nobody) == 0 && admit(1, 1)(1); }));
-    EXPECT_EQ(2, CountCacheRows());
+    EXPECT_TRUE(AdmitInChildren(1, 1, 1, 65534)); // as nobody
 }
 
-// Another process holding the cache's lock stalls a request at most one busy
-// wait (2 s) per lookup and per admission, also on the first open; a shorter
-// lock loses no admission.
+// A peer holding the cache's lock stalls a request at most one busy wait (2 s) per lookup and per
+// admission, also on the first open; a shorter lock loses no admission.
 TEST_F(CacheTest, APeersLockStallsEachRequestAtMostOneBusyWait)
 {
     TestServer server;
@@ -322,11 +285,9 @@ TEST_F(CacheTest, APeersLockStallsEachRequestAtMostOneBusyWait)
     ASSERT_EQ(0, url_downloader_register("peer", Deliveries::Callback, nullptr, &svc));
     {
         // Locked in rollback mode before this process first opens it.
-        Peer{kTable};
-        Peer peer("BEGIN EXCLUSIVE");
+        Peer peer(std::string(kTable) + "BEGIN EXCLUSIVE;");
         EXPECT_TRUE(DownloadAll(svc, server, {"/f0"}, 20s)) << "the first open waited more than a few busy timeouts";
     }
-    // Opened now that the lock is gone.
     ASSERT_TRUE(DownloadAll(svc, server, {"/f1"}, 20s));
     EXPECT_EQ(1, CountCacheRows());
     // Rows whose files are gone: each admission deletes one, then inserts.
@@ -350,8 +311,7 @@ TEST_F(CacheTest, APeersLockStallsEachRequestAtMostOneBusyWait)
     EXPECT_EQ(3, CountCacheRows("url like '%/f6' or url like '%/f7' or url like '%/f8'")) << "admissions lost";
 }
 
-// A database found corrupt, on opening or by a later statement, is moved
-// aside once and made anew.
+// A database found corrupt, on opening or by a later statement, is moved aside once and made anew.
 TEST_F(CacheTest, ACorruptDatabaseIsMovedAsideAndMadeAnew)
 {
     LogCapture log;
@@ -360,17 +320,14 @@ TEST_F(CacheTest, ACorruptDatabaseIsMovedAsideAndMadeAnew)
     EXPECT_EQ(1, CountCacheRows());
     EXPECT_EQ(std::string(8192, 'x'), ReadFile(CacheDbPath() + ".corrupt"));
     EXPECT_TRUE(log.ContainsText("is corrupt, moved aside"));
-    // Another process breaks the schema of the open database; schema_version
-    // makes the library read it again.
+    // A peer breaks the schema of the open database; the new version makes the library read it again.
     Peer{"PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql='broken' WHERE name='qeturlcache'; "
          "PRAGMA schema_version=1000;"};
-    // The admissions that meet the broken file fail; one of the next few
-    // finds it corrupt, and after that they work again.
+    // Admissions that meet the broken file fail until one finds it corrupt; then they work again.
     int failed = 0;
     while (failed < 3 && !Add("http://third/", "/f", 1, 2e9))
         ++failed;
     EXPECT_LT(failed, 3);
-    EXPECT_TRUE(log.Contains(kError, "url_cache_db", "Cache database " + CacheDbPath() + " is corrupt: moved aside to " +
-                                                         CacheDbPath() + ".corrupt, a new one is made"));
+    EXPECT_TRUE(log.ContainsText(" is corrupt: moved aside to " + CacheDbPath() + ".corrupt, a new one is made"));
     EXPECT_EQ(1, CountCacheRows("url='http://third/'"));
 }
