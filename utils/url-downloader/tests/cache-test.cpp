@@ -1,0 +1,333 @@
+// The URL cache: its table and trim, when a cached entry may answer a download,
+// and how downloads enter the bounded cache that every process shares.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <numeric>
+#include <sqlite3.h>
+#include <thread>
+#include <vector>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "cache-policy.h"
+#include "log-capture.h"
+#include "main-loop.h"
+#include "test-db.h"
+#include "test-env.h"
+#include "test-server.h"
+
+using namespace ud_test;
+using namespace std::chrono_literals;
+
+// The library in this program reads this clock: a test moves it where 32-bit time arithmetic would wrap.
+static std::atomic<int64_t> g_clock_shift{0};
+extern "C" time_t time(time_t* out)
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const time_t t = (time_t)(now.tv_sec + g_clock_shift.load());
+    if (out != nullptr)
+        *out = t;
+    return t;
+}
+
+namespace {
+URLCacheManager* Cache() { return URLCacheManager::getInstance(); }
+char* S(const char* s) { return const_cast<char*>(s); }
+const char* const kTable = "create table qeturlcache (id INTEGER PRIMARY KEY AUTOINCREMENT, url TEXT, filepath TEXT, "
+                           "filesize INTEGER, downloadtime INTEGER, expirytime INTEGER, appname TEXT);";
+
+// A row through the public admission, which trims first, or straight into the table.
+bool Add(std::string url, const char* path, int64_t size, int64_t expiry, bool admit = true, const char* app = "t")
+{
+    url_downloader_cache c{0, S(url.c_str()), S(path), size, 1700000000, expiry, S(app)};
+    url_downloader_error error = URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED;
+    UrlCache record(&c);
+    return admit ? url_downloader_add_cache(&c, &error) && error == URL_DOWNLOADER_ERROR_NONE
+                 : Cache()->addUrlCache(record);
+}
+
+// n child processes at once (as user uid unless -1, ended after 2 min) admit rows; true if none failed.
+bool AdmitInChildren(int n, int rows, int64_t size, uid_t uid = -1)
+{
+    CacheDbPath(); // fixes the shared folder before the fork
+    std::vector<pid_t> children;
+    for (int c = 0; c < n; ++c)
+        if (children.emplace_back(fork()) == 0) {
+            alarm(120);
+            bool ok = uid == (uid_t)-1 || (setgid(uid) == 0 && setuid(uid) == 0);
+            for (int i = 0; i < rows; ++i)
+                ok &= Add("http://" + std::to_string(getpid()) + "/" + std::to_string(i), "/f", size, 2e9 + i);
+            _exit(ok ? 0 : 1);
+        }
+    bool ok = true;
+    for (pid_t pid : children) {
+        int status = 1;
+        ok &= pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    }
+    return ok;
+}
+
+// Another process's connection for its scope, which runs sql first: a lock to hold, or a change.
+struct Peer {
+    sqlite3* db = nullptr;
+    explicit Peer(const std::string& sql)
+    {
+        EXPECT_EQ(SQLITE_OK, sqlite3_open(CacheDbPath().c_str(), &db));
+        sqlite3_busy_timeout(db, 5000);
+        EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr)) << sql;
+    }
+    ~Peer() { sqlite3_close(db); } // rolls back what is still open
+};
+
+// Downloads each path, with the cache or not, and waits up to bound for the callbacks.
+bool DownloadAll(url_downloader_h svc, const TestServer& server, const std::vector<std::string>& paths,
+                 std::chrono::seconds bound, bool cache = true)
+{
+    const size_t before = Deliveries::Count();
+    url_downloader_api_h api;
+    for (const std::string& p : paths)
+        if (url_downloader_download(svc, TempPath(p.substr(1)).c_str(), server.Url(p).c_str(), cache, nullptr, &api))
+            return false;
+    return Deliveries::WaitFor(before + paths.size(), bound);
+}
+
+class CacheTest : public ::testing::Test {
+protected:
+    void SetUp() override { FreshCacheDb(); }
+    void TearDown() override
+    {
+        url_downloader_finalize();
+        FailDbOpen(false);
+        g_clock_shift = 0;
+    }
+};
+} // namespace
+
+// Records round-trip in a database an earlier run made, which keeps its row;
+// a database that cannot be opened fails every operation.
+TEST_F(CacheTest, RecordsRoundTripAndAnUnopenableDatabaseFailsEveryOperation)
+{
+    Peer{std::string(kTable) + "insert into qeturlcache (url, filesize) values ('u', 5);"};
+    const int64_t far = INT64_C(4102444800); // past 2^32: a 32-bit column or long would mangle it
+    ASSERT_TRUE(Add("http://h/it's", "/tmp/o'brien", far, far, false, "app'1"));
+    ASSERT_TRUE(Add("http://h/IT'S", nullptr, 7, far, false, nullptr));
+    std::unique_ptr<UrlCache> got(Cache()->findUrlCache(S("http://h/it's")));
+    ASSERT_NE(nullptr, got);
+    EXPECT_STREQ("/tmp/o'brien", got->filepath);
+    EXPECT_EQ(far, got->expirytime);
+    EXPECT_EQ(far + 7 + 5, Cache()->getUrlCacheSize());
+    std::unique_ptr<UrlCache> other(Cache()->getUrlCache(got->id + 1));
+    ASSERT_NE(nullptr, other);
+    EXPECT_EQ(nullptr, other->filepath);
+    EXPECT_EQ(nullptr, other->appname);
+    got->filesize = 5;
+    ASSERT_TRUE(Cache()->updateUrlCache(*got));
+    EXPECT_EQ(1, CountCacheRows("filesize=5 and filepath='/tmp/o''brien'"));
+    EXPECT_TRUE(Cache()->deleteUrlCache(S("app'1")));
+    EXPECT_EQ(0, CountCacheRows("url='http://h/it''s'"));
+    EXPECT_EQ(2, CountCacheRows());
+
+    FreshCacheDb();
+    FailDbOpen(true);
+    LogCapture log;
+    url_downloader_cache c{0, S("u"), S("/p"), 1, 1, 1, nullptr};
+    url_downloader_error error = URL_DOWNLOADER_ERROR_NONE;
+    EXPECT_FALSE(Add("u", "/p", 1, 1, false));
+    EXPECT_FALSE(Cache()->deleteUrlCache(1));
+    EXPECT_EQ(nullptr, Cache()->findUrlCache(S("u")));
+    EXPECT_EQ(-1, Cache()->cleanUrlCache());
+    EXPECT_FALSE(url_downloader_add_cache(&c, &error));
+    EXPECT_EQ(URL_DOWNLOADER_ERROR_CACHE_SIZE_FAILED, error);
+    EXPECT_TRUE(log.ContainsText("DBConnect failed with:"));
+}
+
+// The trim forgets the rows expiring first until less than half the budget
+// is used; an admission trims first, and only past the budget.
+TEST_F(CacheTest, TrimCountsDownFromTheBudgetInExpiryOrder)
+{
+    const struct { std::vector<int64_t> sizes; int64_t remainder; size_t left; } cases[] = {
+        {{}, 10485760, 0},                                // the sum over no rows is NULL, read as 0
+        {std::vector<int64_t>(10, 1000000), 4485760, 4}, // five leave 5,485,760: not yet below half
+        {{2621440, 2621440, 1000, 1000}, 5241880, 1},     // exactly half deleted is not enough
+        {{20000000, 5}, -9514240, 1},
+        {std::vector<int64_t>(150, 10000), 9485760, 50},                          // one trim reads 100 rows at most
+        {{INT64_C(3) << 30, INT64_C(3) << 30}, 10485760 - (INT64_C(3) << 30), 1}, // sums past 2^32
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.remainder);
+        for (size_t i = 0; i < c.sizes.size(); ++i) // row i expires at 1000 + i: trimmed in this order
+            ASSERT_TRUE(Add("http://h/" + std::to_string(i), nullptr, c.sizes[i], 1000 + int64_t(i), false));
+        EXPECT_EQ(std::accumulate(c.sizes.begin(), c.sizes.end(), INT64_C(0)), Cache()->getUrlCacheSize());
+        EXPECT_EQ(c.remainder, Cache()->cleanUrlCache());
+        EXPECT_EQ(int(c.left), CountCacheRows());
+        EXPECT_EQ(int(c.left), CountCacheRows("expirytime >= " + std::to_string(1000 + c.sizes.size() - c.left)));
+        ASSERT_TRUE(Cache()->deleteUrlCache(S("t")));
+    }
+    LogCapture log;
+    ASSERT_TRUE(Add("big", "/big", URL_CACHE_MAX_SIZE - 100, 3000));
+    ASSERT_TRUE(Add("fill", "/fill", 100, 2000)); // exactly the budget: no trim
+    EXPECT_FALSE(log.ContainsText("Cache cleaned"));
+    ASSERT_TRUE(Add("new", "/new", 1, 1000)); // trimmed first, so kept though it expires first
+    EXPECT_TRUE(log.ContainsText("Cache cleaned"));
+    EXPECT_EQ(1, CountCacheRows("url='new'"));
+    EXPECT_EQ(1, CountCacheRows());
+}
+
+// A cached entry answers only while its file is there, a regular file of the
+// recorded length, unexpired; a stale row goes, the client's file stays.
+TEST_F(CacheTest, LookupServesOnlyPresentSameLengthUnexpiredRegularFiles)
+{
+    const int64_t later = time(nullptr) + 3600;
+    // Rows any process could write: a FIFO (opened for reading, it waits for a writer), a folder.
+    ASSERT_EQ(0, mkfifo(TempPath("fifo").c_str(), 0600));
+    std::filesystem::create_directory(TempPath("folder"));
+    // Files written hold 5 bytes; stale is why the row is stale, as logged (NULL: served).
+    const struct { const char* url; bool written; int64_t size, expiry; const char* stale; } rows[] = {
+        {"missing", false, 5, later, "downloaded file missing in file-system"},
+        {"resized", true, 6, later, "size mismatch. \nDB stored size is 6, and actaul size is 5"},
+        {"expired", true, 5, time(nullptr), "But expired Id=[3]"}, // expiring now is expired
+        {"", false, 5, later, "filepath is NULL"},
+        {"fifo", false, 0, later, "downloaded file missing in file-system"},
+        {"folder", false, 4096, later, "downloaded file missing in file-system"},
+        {"kept", true, 5, later, nullptr},
+    };
+    for (const auto& r : rows) {
+        if (r.written)
+            std::ofstream(TempPath(r.url)) << "12345";
+        ASSERT_TRUE(Add(r.url, *r.url != '\0' ? TempPath(r.url).c_str() : nullptr, r.size, r.expiry));
+    }
+    std::ofstream(TempPath("kept")) << "abcde"; // other contents, same length: still served
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.url);
+        LogCapture log;
+        url_downloader_cache c{0, S(r.url), nullptr, 0, 0, 0, nullptr};
+        alarm(10); // a lookup that blocks ends the program
+        std::unique_ptr<char, decltype(&free)> path(url_downloader_get_cache_filepath(&c), free);
+        alarm(0);
+        EXPECT_STREQ(r.stale ? nullptr : TempPath(r.url).c_str(), path.get());
+        EXPECT_TRUE(!r.stale || (log.ContainsText(r.stale) && log.ContainsText("Entry NOT found in cache")));
+    }
+    EXPECT_EQ(1, CountCacheRows());
+    EXPECT_TRUE(std::filesystem::exists(TempPath("expired")));
+}
+
+// Past 32 bits: a body over 2 GiB, expiry times after 2038 (an Expires date, the default 180 days
+// added to a clock late in 2037); each is stored exactly and then answers the URL from the cache.
+TEST_F(CacheTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
+{
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    const int64_t big = (INT64_C(1) << 31) + 1;
+    // Sparse: no disk space for the source, only for the download.
+    std::ofstream(TempPath("big-source"), std::ios::binary).put('x');
+    ASSERT_EQ(0, truncate(TempPath("big-source").c_str(), big));
+    TestServer server;
+    server.Route("/big", {200, {}, "", false, -1, -1, TempPath("big-source")});
+    server.Route("/2040", {200, {{"Expires", "Tue, 01 May 2040 16:00:00 GMT"}}, "body"});
+    const int64_t late_2037 = 2145830400; // 2037-12-31 00:00:00 UTC
+    g_clock_shift = late_2037 - (int64_t)::time(nullptr);
+    const struct { const char* path; int64_t size, lowest_expiry, highest_expiry; } cases[] = {
+        {"/big", big, late_2037 + 15552000, late_2037 + 15552000 + 60},
+        {"/2040", 4, 2219500800, 2219500800},
+    };
+    url_downloader_h svc;
+    ASSERT_EQ(0, url_downloader_register("late", Deliveries::Callback, nullptr, &svc));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        ASSERT_TRUE(DownloadAll(svc, server, {c.path}, 240s)) << "no callback";
+        const std::string got = Deliveries::All().back().path.value_or("");
+        std::unique_ptr<UrlCache> row(Cache()->findUrlCache(S(server.Url(c.path).c_str())));
+        ASSERT_NE(nullptr, row);
+        EXPECT_EQ(c.size, row->filesize);
+        EXPECT_GE(row->expirytime, c.lowest_expiry);
+        EXPECT_LE(row->expirytime, c.highest_expiry);
+        // Asked again: answered from the cache with the file of the first download.
+        ASSERT_TRUE(DownloadAll(svc, server, {c.path}, 60s));
+        EXPECT_EQ(got, Deliveries::All().back().path.value_or(""));
+        EXPECT_EQ(1u, server.RequestCount(c.path));
+        unlink(got.c_str());
+    }
+}
+
+// Two processes admitting at once, also while each admission trims, never fail and lose no row;
+// a process of another user than the database's also admits into it.
+TEST_F(CacheTest, ProcessesShareTheCache)
+{
+    EXPECT_TRUE(AdmitInChildren(2, 500, 1));
+    EXPECT_EQ(1000, CountCacheRows()) << "rows lost";
+    EXPECT_TRUE(AdmitInChildren(2, 300, 3000000)); // a trim every other admission
+    if (geteuid() != 0)
+        GTEST_SKIP() << "switching to another user needs root";
+    ASSERT_EQ(0, chmod(TempDir().c_str(), 0777)); // standing in for the device's shared folder
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        struct stat info {};
+        ASSERT_EQ(0, stat((CacheDbPath() + suffix).c_str(), &info)) << suffix;
+        EXPECT_EQ(0666u, info.st_mode & 0777) << suffix;
+    }
+    EXPECT_TRUE(AdmitInChildren(1, 1, 1, 65534)); // as nobody
+}
+
+// A peer holding the cache's lock stalls a request at most one busy wait (2 s) per lookup and per
+// admission, also on the first open; a shorter lock loses no admission.
+TEST_F(CacheTest, APeersLockStallsEachRequestAtMostOneBusyWait)
+{
+    TestServer server;
+    for (int i = 0; i < 9; ++i)
+        server.Route("/f" + std::to_string(i), {200, {}, Pattern(100, i)});
+    url_downloader_h svc;
+    ASSERT_EQ(0, url_downloader_register("peer", Deliveries::Callback, nullptr, &svc));
+    {
+        // Locked in rollback mode before this process first opens it.
+        Peer peer(std::string(kTable) + "BEGIN EXCLUSIVE;");
+        EXPECT_TRUE(DownloadAll(svc, server, {"/f0"}, 20s)) << "the first open waited more than a few busy timeouts";
+    }
+    ASSERT_TRUE(DownloadAll(svc, server, {"/f1"}, 20s));
+    EXPECT_EQ(1, CountCacheRows());
+    // Rows whose files are gone: each admission deletes one, then inserts.
+    for (int i = 2; i <= 5; ++i)
+        ASSERT_TRUE(Add(server.Url("/f" + std::to_string(i)), TempPath("gone").c_str(), 100, time(nullptr) + 600));
+    {
+        // Held for good: 4 admissions x 2 s; waits per statement would add up to twice that.
+        Peer peer("BEGIN IMMEDIATE");
+        EXPECT_TRUE(DownloadAll(svc, server, {"/f2", "/f3", "/f4", "/f5"}, 12s, false)) << "waits added up per request";
+    }
+    {
+        // Held for less than the busy timeout: nothing is lost.
+        Peer peer("BEGIN IMMEDIATE");
+        std::thread release([&peer] {
+            std::this_thread::sleep_for(500ms);
+            sqlite3_exec(peer.db, "ROLLBACK", nullptr, nullptr, nullptr);
+        });
+        EXPECT_TRUE(DownloadAll(svc, server, {"/f6", "/f7", "/f8"}, 20s));
+        release.join();
+    }
+    EXPECT_EQ(3, CountCacheRows("url like '%/f6' or url like '%/f7' or url like '%/f8'")) << "admissions lost";
+}
+
+// A database found corrupt, on opening or by a later statement, is moved aside once and made anew.
+TEST_F(CacheTest, ACorruptDatabaseIsMovedAsideAndMadeAnew)
+{
+    LogCapture log;
+    std::ofstream(CacheDbPath(), std::ios::binary) << std::string(8192, 'x');
+    ASSERT_TRUE(Add("http://first/", "/f", 1, 2e9));
+    EXPECT_EQ(1, CountCacheRows());
+    EXPECT_EQ(std::string(8192, 'x'), ReadFile(CacheDbPath() + ".corrupt"));
+    EXPECT_TRUE(log.ContainsText("is corrupt, moved aside"));
+    // A peer breaks the schema of the open database; the new version makes the library read it again.
+    Peer{"PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql='broken' WHERE name='qeturlcache'; "
+         "PRAGMA schema_version=1000;"};
+    // Admissions that meet the broken file fail until one finds it corrupt; then they work again.
+    int failed = 0;
+    while (failed < 3 && !Add("http://third/", "/f", 1, 2e9))
+        ++failed;
+    EXPECT_LT(failed, 3);
+    EXPECT_TRUE(log.ContainsText(" is corrupt: moved aside to " + CacheDbPath() + ".corrupt, a new one is made"));
+    EXPECT_EQ(1, CountCacheRows("url='http://third/'"));
+}
