@@ -266,20 +266,18 @@ TEST(Lifecycle, RacingFirstRegistrationsStartTheLibraryOnceAndFinalizeEndsItsThr
     const size_t alone = Entries("/proc/self/task");
     std::thread([] {}).join();
     const size_t threads = Entries("/proc/self/task", alone);
-    std::atomic<bool> go{false};
-    std::vector<int> results(8, -1);
-    std::vector<std::thread> clients;
-    for (int& result : results)
-        clients.emplace_back([&go, &result] {
+    pthread_barrier_t go;
+    pthread_barrier_init(&go, nullptr, 8);
+    std::vector<std::future<url_downloader_error>> clients;
+    for (int i = 0; i < 8; ++i)
+        clients.push_back(std::async(std::launch::async, [&go] {
             url_downloader_h svc;
-            while (!go)
-                std::this_thread::yield();
-            result = url_downloader_register("app", nullptr, nullptr, &svc);
-        });
-    go = true;
-    for (auto& t : clients)
-        t.join();
-    EXPECT_EQ(std::vector<int>(8, 0), results);
+            pthread_barrier_wait(&go);
+            return url_downloader_register("app", nullptr, nullptr, &svc);
+        }));
+    for (auto& c : clients)
+        EXPECT_EQ(0, c.get());
+    pthread_barrier_destroy(&go);
     EXPECT_EQ(1u, log.Count(kDebug, "_url_downloader_create_pipe", "Pipe created succesfully\n"));
     EXPECT_EQ(threads + 2, Entries("/proc/self/task", threads + 2)); // the processing and the transfer thread
     url_downloader_finalize();
