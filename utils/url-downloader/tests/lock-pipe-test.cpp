@@ -29,34 +29,6 @@ bool FreeForOthers(Take take)
     return other.get();
 }
 
-// Eight threads meet the lock at its first use: it is set up once, taken
-// again by its holder, and excludes the others.
-TEST(LockUtility, FirstUseFromManyThreadsIsSetUpOnceRecursiveAndExclusive)
-{
-    static pthread_mutex_t m;
-    static bool init = false;
-    static long counter = 0; // plain on purpose: only the lock protects it
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t)
-        threads.emplace_back([] {
-            for (int i = 0; i < 2000; ++i) {
-                for (int op : {URL_DOWNLOADER_MUTEX_LOCK, URL_DOWNLOADER_MUTEX_LOCK})
-                    ASSERT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, op));
-                const long seen = counter;
-                std::this_thread::yield();
-                counter = seen + 1;
-                for (int op : {URL_DOWNLOADER_MUTEX_UNLOCK, URL_DOWNLOADER_MUTEX_UNLOCK})
-                    ASSERT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, op));
-            }
-        });
-    for (auto& t : threads)
-        t.join();
-    EXPECT_EQ(8 * 2000, counter);
-    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_DESTROY));
-    EXPECT_FALSE(init);
-    EXPECT_EQ(URL_DOWNLOADER_ERROR_NONE, Op(&m, &init, URL_DOWNLOADER_MUTEX_DESTROY)); // twice is harmless
-}
-
 TEST(LockUtility, MisuseIsRefusedWithItsCodeAndLeavesTheLockFree)
 {
     pthread_mutex_t m;
