@@ -3,12 +3,12 @@
 #include <cstdio>
 #include <fstream>
 #include <glib.h>
+#include <iterator>
 #include <mutex>
 #include <random>
-#include <sstream>
 #include <stdexcept>
-#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace ud_test {
 
@@ -16,36 +16,35 @@ namespace ud_test {
 // each call is one exchange of length-prefixed fields over its stdin and stdout.
 struct TestServer::State {
     std::mutex mutex; // one exchange at a time
-    FILE* in = nullptr;
-    FILE* out = nullptr;
+    FILE *in = nullptr, *out = nullptr;
     GPid pid = 0;
     std::string base;
 
     ~State()
     {
-        if (in != nullptr)
-            fclose(in); // the child's stdin ends: it exits at once, held connections and all
-        if (out != nullptr)
-            fclose(out);
+        for (FILE* f : {in, out}) // at the end of its stdin the child exits at once
+            if (f != nullptr)
+                fclose(f);
         if (pid != 0)
             waitpid(pid, nullptr, 0);
-    }
-    size_t Size()
-    {
-        size_t n = 0;
-        if (fscanf(out, "%zu", &n) != 1 || fgetc(out) != '\n')
-            throw std::runtime_error("the test server is gone");
-        return n;
     }
     std::vector<std::string> Call(const std::vector<std::string>& fields)
     {
         std::lock_guard<std::mutex> lock(mutex);
+        if (!fields.empty()) // none: only the port is read
+            fprintf(in, "%zu\n", fields.size());
         for (const std::string& f : fields)
             fprintf(in, "%zu\n", f.size()), fwrite(f.data(), 1, f.size(), in);
         fflush(in);
-        std::vector<std::string> reply(Size());
+        auto size = [this] {
+            size_t n = 0;
+            if (fscanf(out, "%zu%*c", &n) != 1)
+                throw std::runtime_error("the test server is gone");
+            return n;
+        };
+        std::vector<std::string> reply(size());
         for (std::string& f : reply)
-            if (f.resize(Size()), fread(&f[0], 1, f.size(), out) != f.size())
+            if (f.resize(size()), fread(&f[0], 1, f.size(), out) != f.size())
                 throw std::runtime_error("the test server is gone");
         return reply;
     }
@@ -69,9 +68,8 @@ std::string TestServer::Url(const std::string& path) const { return state_->base
 
 void TestServer::Route(const std::string& path, Response r)
 {
-    std::vector<std::string> fields = {"route",          path,   std::to_string(r.status), r.chunked ? "1" : "0",
-                                       std::to_string(r.stall_after), std::to_string(r.drop_after), r.file, r.body,
-                                       std::to_string(r.headers.size())};
+    std::vector<std::string> fields = {"route", path, std::to_string(r.status), std::to_string(r.chunked),
+                                       std::to_string(r.stall_after), std::to_string(r.drop_after), r.file, r.body};
     for (const auto& h : r.headers)
         fields.insert(fields.end(), {h.first, h.second});
     state_->Call(fields);
@@ -114,15 +112,10 @@ std::string Pattern(size_t size, unsigned seed)
 
 std::string ReadFile(const std::string& path)
 {
-    std::ostringstream out;
-    out << std::ifstream(path, std::ios::binary).rdbuf();
-    return out.str();
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
-bool FileExists(const std::string& path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
+bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 } // namespace ud_test
