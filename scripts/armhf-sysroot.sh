@@ -10,7 +10,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(realpath -m "${1:-build/armhf-sysroot}")
 work=$(realpath -m "build/armhf-apt")
-packages=(libcurl4-openssl-dev libsqlite3-dev libglib2.0-dev libgtest-dev libmicrohttpd-dev libstdc++6 libc6-dev)
+packages=(libcurl4-openssl-dev libsqlite3-dev libglib2.0-dev libgtest-dev libstdc++6 libc6-dev)
 # Build tools and things only maintainer scripts need; none is linked against.
 skip='^(debconf|debconf-2.0|perl-base|dpkg|install-info|libc-dev-bin|gcc-.*-base|libgcc-s1-is-not-skipped|sensible-utils|python3.*|pkg-config|pkgconf|pkgconf-bin|libpkgconf3|bash|coreutils|tar|sed|grep|findutils|diffutils|mawk|awk|debianutils|lsb-base|sysvinit-utils|init-system-helpers|libglib2.0-bin|libglib2.0-dev-bin|libglib2.0-data|shared-mime-info|xdg-user-dirs|cmake|googletest|tzdata|ca-certificates|openssl|readline-common|libpython3.*|perl|perl-modules-.*|libperl.*|mailcap|media-types|mime-support|rpcsvc-proto)$'
 

@@ -2,7 +2,7 @@
 # that are missing. Sourced by the test and demo commands.
 ud_install_deps() {
     local wanted=(cmake ninja-build g++ pkg-config openssl python3
-        libcurl4-openssl-dev libsqlite3-dev libglib2.0-dev libmicrohttpd-dev libgtest-dev "$@")
+        libcurl4-openssl-dev libsqlite3-dev libglib2.0-dev libgtest-dev "$@")
     local missing=()
     local p
     for p in "${wanted[@]}"; do

@@ -1,4 +1,4 @@
-// A loopback HTTP/HTTPS server for the tests, on libmicrohttpd: scripted
+// A loopback HTTP/HTTPS server for the tests (test-server.py, run by python3): scripted
 // responses by path (any status, headers and body, chunked, a file's content,
 // bodies that stall until released or drop the connection), every request
 // recorded, and a plain-HTTP proxy: an absolute-form target is served from
