@@ -4,9 +4,7 @@
 
 #include <chrono>
 #include <future>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include "request-ledger.h"
 

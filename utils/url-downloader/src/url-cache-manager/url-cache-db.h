@@ -51,9 +51,6 @@ private:
     sqlite3_stmt* stmt_ = nullptr;
 };
 
-/* Reads an INTEGER column into a long, whatever width long has here. */
-
-
 /* Text for an error line: SQLite's message when it gave one, else the code's. */
 const char* url_cache_db_error_text(const char* errmsg, int rc);
 

@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <cstddef>
-#include <map>
 #include <memory>
 #include <string>
 #include <utility>
