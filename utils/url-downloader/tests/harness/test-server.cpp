@@ -101,6 +101,8 @@ bool TestServer::WaitForRequests(const std::string& path, size_t n, std::chrono:
     return std::stoul(state_->Call({"wait", path, std::to_string(n), std::to_string(timeout.count())}).at(0)) >= n;
 }
 
+size_t TestServer::PeakConnections() const { return std::stoul(state_->Call({"peak"}).at(0)); }
+
 std::string Pattern(size_t size, unsigned seed)
 {
     std::mt19937 random(seed);

@@ -46,6 +46,7 @@ public:
     std::vector<Request> Requests() const;
     size_t RequestCount(const std::string& path) const;
     bool WaitForRequests(const std::string& path, size_t n, std::chrono::milliseconds timeout) const;
+    size_t PeakConnections() const; // the most connections that were open at once
 
     struct State;
 

@@ -8,6 +8,7 @@ import collections, http.server, os, ssl, sys, threading
 
 cond = threading.Condition()  # guards the state below; notified on each request and release
 routes, released, requests, counts = {}, set(), [], collections.Counter()
+connections = {"open": 0, "peak": 0}  # simultaneous connections, and the most seen
 
 
 def size():
@@ -22,7 +23,19 @@ def send(*fields):
 
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
+    disable_nagle_algorithm = True  # headers and body go in two writes: no delayed-ACK wait between
     log_message = lambda *args: None
+
+    def setup(self):
+        with cond:
+            connections["open"] += 1
+            connections["peak"] = max(connections["peak"], connections["open"])
+        super().setup()
+
+    def finish(self):
+        with cond:
+            connections["open"] -= 1
+        super().finish()
 
     def do_GET(self):
         path, proxy = self.path.encode("latin-1"), "://" in self.path and not self.path.startswith("/")
@@ -91,4 +104,6 @@ while True:
             out = [b"%d" % counts[args[0]]]
         elif op == b"requests":
             out = list(requests)
+        elif op == b"peak":
+            out = [b"%d" % connections["peak"]]
     send(*out)
