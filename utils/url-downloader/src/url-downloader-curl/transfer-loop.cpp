@@ -125,6 +125,16 @@ void run_cycle(UrlDownloader* engine, CURLM* multi)
             }
         }
 
+        // Descriptors from FD_SETSIZE up cannot be in a set; libcurl leaves its
+        // own out likewise, and such transfers move on each time-out.
+        const int wakeup = _url_downloader_transfer_loop_wakeup_fd();
+        const bool watch_wakeup = wakeup >= 0 && wakeup < FD_SETSIZE;
+        if (watch_wakeup) {
+            FD_SET(wakeup, &read_set);
+            if (wakeup > max_fd)
+                max_fd = wakeup;
+        }
+
         struct timeval wait;
         _url_downloader_compute_wait(timeout_ms, &wait);
         if (select(max_fd + 1, &read_set, &write_set, &error_set, &wait) == -1) {
@@ -137,6 +147,8 @@ void run_cycle(UrlDownloader* engine, CURLM* multi)
             }
             continue;
         }
+        if (watch_wakeup && FD_ISSET(wakeup, &read_set))
+            _url_downloader_clear_transfer_loop_wakeup();
         perform(engine, multi, &running, true);
     }
 }

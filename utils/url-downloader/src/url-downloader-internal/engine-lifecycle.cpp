@@ -4,7 +4,10 @@
 #include <poll.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include "url-downloader-curl.h"
 #include "url-downloader-internal.h"
@@ -14,6 +17,42 @@ namespace {
 // It still holds downloader_instance_lock then, and other registrations may be
 // waiting on it, so that lock must survive the destructor.
 thread_local bool keep_instance_lock;
+
+// How many connections the engine may hold. Every transfer past these waits in
+// libcurl's queue (still cancellable) until a connection frees up, so the
+// number of outstanding requests never shows in the descriptor count: at most
+// a socket and a destination file per connection, plus a resolver's socket
+// pair while a name is looked up, about 100 in all, far below FD_SETSIZE and a
+// 256-descriptor limit. Six per host is what common HTTP stacks use: small
+// servers with short listen queues keep up, and a fast server still gets
+// enough parallel requests to fill the link. Connections are kept and reused
+// between transfers (one TLS handshake per connection, not per file); the idle
+// ones kept are bounded too, so a burst leaves at most that many open.
+const long kMaxConnectionsPerHost = 6;
+const long kMaxConnections = 32;
+const long kMaxIdleConnections = 16;
+
+// Wakes the transfer loop out of select() when a transfer is added or a
+// cancellation frees a connection, so that nothing waits for the select
+// time-out. Separate from the download pipe, which the loop reads only while
+// no transfer runs.
+std::atomic<int> loop_wakeup_fd{-1};
+
+void close_loop_wakeup()
+{
+    int fd = loop_wakeup_fd.exchange(-1);
+    if (fd >= 0)
+        close(fd);
+}
+
+void apply_connection_policy(CURLM* multi)
+{
+    if (multi == NULL)
+        return;
+    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
+    curl_multi_setopt(multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, kMaxConnections);
+    curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, kMaxIdleConnections);
+}
 
 void close_download_pipe()
 {
@@ -82,6 +121,7 @@ bool UrlDownloader::DownloaderInit()
     UD_BEGIN();
     // A missing multi handle is caught per transfer by DownloaderCreateEasyHandle.
     multiHandle = curl_multi_init();
+    apply_connection_policy(multiHandle);
 
     url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
     if (!DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_INIT, &err)) {
@@ -94,10 +134,13 @@ bool UrlDownloader::DownloaderInit()
     bool piped = pipe2(downloadPipe, O_CLOEXEC) == 0;
     if (!piped)
         downloadPipe[0] = downloadPipe[1] = -1;
-    if (!piped || fcntl(downloadPipe[1], F_SETFL, O_NONBLOCK) != 0) {
+    if (piped)
+        loop_wakeup_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (!piped || fcntl(downloadPipe[1], F_SETFL, O_NONBLOCK) != 0 || loop_wakeup_fd < 0) {
         perror("pipeerror: \n");
         UD_ERROR("Download PIPE creation failed");
         close_download_pipe();
+        close_loop_wakeup();
         curl_multi_cleanup(multiHandle);
         multiHandle = NULL;
         return false;
@@ -123,6 +166,7 @@ bool UrlDownloader::DownloaderInit()
     if (!result) {
         // No thread will ever clean these up.
         close_download_pipe();
+        close_loop_wakeup();
         curl_multi_cleanup(multiHandle);
         multiHandle = NULL;
     }
@@ -136,6 +180,7 @@ bool UrlDownloader::DownloaderExecuteRequest()
         UD_ERROR("PIPE write error occured");
         return false;
     }
+    _url_downloader_wake_transfer_loop();
     return true;
 }
 
@@ -163,9 +208,32 @@ UrlDownloader::~UrlDownloader()
         UD_ERROR("Destroying mutex failed with error-code as %d", (int)err);
 
     close_download_pipe();
+    close_loop_wakeup();
 
     multiHandle = NULL;
     instance = NULL;
     activeTransactions = NULL;
     UD_END();
+}
+
+int _url_downloader_transfer_loop_wakeup_fd(void)
+{
+    return loop_wakeup_fd.load();
+}
+
+void _url_downloader_wake_transfer_loop(void)
+{
+    // A counter that is already non-zero wakes the loop all the same, so a
+    // failed write (the counter full) loses nothing.
+    int fd = loop_wakeup_fd.load();
+    if (fd >= 0 && eventfd_write(fd, 1) != 0 && errno != EAGAIN)
+        UD_ERROR("Transfer loop wake-up failed, errno=[%d]", errno);
+}
+
+void _url_downloader_clear_transfer_loop_wakeup(void)
+{
+    eventfd_t count;
+    int fd = loop_wakeup_fd.load();
+    if (fd >= 0)
+        eventfd_read(fd, &count);
 }

@@ -110,7 +110,11 @@ bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
 bool UrlDownloader::DownloaderCancelRequest(url_downloader_api_t* api)
 {
     UD_BEGIN();
-    return DownloaderCleanupEasyHandle(api);
+    if (!DownloaderCleanupEasyHandle(api))
+        return false;
+    // A connection may have come free for a queued transfer.
+    _url_downloader_wake_transfer_loop();
+    return true;
 }
 
 bool UrlDownloader::DownloaderCleanupEasyHandle(url_downloader_api_t* api)

@@ -78,6 +78,13 @@ void _url_downloader_teardown_transaction(UrlDownloader* engine, url_downloader_
 void _url_downloader_finish_transfer(UrlDownloader* engine, CURL* easy, url_downloader_curl_pvt_data* data,
                                      CURLcode result);
 
+/* The transfer loop's wake-up descriptor (an eventfd, -1 when the engine is
+ * down), which the loop watches in select() besides libcurl's sockets; waking
+ * it makes a running cycle perform at once. Set up and closed with the engine. */
+int _url_downloader_transfer_loop_wakeup_fd(void);
+void _url_downloader_wake_transfer_loop(void);
+void _url_downloader_clear_transfer_loop_wakeup(void);
+
 /* Releases every record still listed (easy handle, file, path copy, record).
  * Only once the transfer thread has ended. */
 void _url_downloader_release_transactions(UrlDownloader* engine);
