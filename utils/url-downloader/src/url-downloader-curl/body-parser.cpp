@@ -1,5 +1,10 @@
 #include <stdio.h>
+#include <stdio_ext.h>
 #include <stdlib.h>
+#include <time.h>
+
+#include <algorithm>
+#include <vector>
 
 #include "url-downloader-curl.h"
 #include "url-downloader-internal.h"
@@ -12,6 +17,43 @@ namespace {
 // transfers at once must not cost a large buffer each.
 const curl_off_t kMediumBody = 64 * 1024;
 const curl_off_t kLargeBody = 1024 * 1024;
+
+// Applications follow a download by watching its file, and a cancelled one
+// resumes from what reached it: bytes may wait in a buffer this long at most
+// (checked as chunks arrive and each time the transfer loop wakes). A chunk
+// that comes this long after the previous one is written at once: a slow
+// stream gains nothing from a buffer.
+const int64_t kFlushDelayMs = 100;
+
+// The records whose buffers hold bytes. Touched only under curl_mutex_lock
+// (body writes, closes and the loop's check all run under it); short, since
+// only transfers with a connection write bodies.
+std::vector<url_downloader_curl_pvt_data*> buffered;
+
+int64_t monotonic_ms()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
+
+void set_buffered(url_downloader_curl_pvt_data* record, int64_t since)
+{
+    if ((record->bufferedSinceMs != 0) != (since != 0)) {
+        if (since != 0)
+            buffered.push_back(record);
+        else
+            buffered.erase(std::find(buffered.begin(), buffered.end(), record));
+    }
+    record->bufferedSinceMs = since;
+}
+
+void flush_body(url_downloader_curl_pvt_data* record)
+{
+    // A failed write shows again at the close, which fails the transfer.
+    fflush(record->fileHandle);
+    set_buffered(record, 0);
+}
 
 void buffer_large_body(url_downloader_curl_pvt_data* record)
 {
@@ -36,9 +78,22 @@ bool _url_downloader_close_file(url_downloader_curl_pvt_data* record)
         closed = fclose(record->fileHandle) == 0;
         record->fileHandle = NULL;
     }
+    set_buffered(record, 0);
     free(record->fileBuffer); // only after the close, which flushes it
     record->fileBuffer = NULL;
     return closed;
+}
+
+void _url_downloader_flush_stale_bodies(void)
+{
+    if (buffered.empty())
+        return;
+    const int64_t now = monotonic_ms();
+    // flush_body takes the record out of the list: walk a copy.
+    std::vector<url_downloader_curl_pvt_data*> records(buffered);
+    for (url_downloader_curl_pvt_data* record : records)
+        if (now - record->bufferedSinceMs >= kFlushDelayMs)
+            flush_body(record);
 }
 
 size_t url_downloader_body_parser(void* data, size_t size, size_t nmemb, void* user_data)
@@ -64,7 +119,19 @@ size_t url_downloader_body_parser(void* data, size_t size, size_t nmemb, void* u
         buffer_large_body(record);
     }
 
+    const size_t before = __fpending(record->fileHandle);
     size_t written = fwrite(data, size, nmemb, record->fileHandle);
     record->fileSize += (int64_t)written;
+
+    const int64_t now = monotonic_ms();
+    const size_t pending = __fpending(record->fileHandle);
+    const bool paused = now - record->lastChunkMs >= kFlushDelayMs; // also the first chunk
+    record->lastChunkMs = now;
+    if (pending == 0)
+        set_buffered(record, 0);
+    else if (paused || (record->bufferedSinceMs != 0 && now - record->bufferedSinceMs >= kFlushDelayMs))
+        flush_body(record);
+    else if (record->bufferedSinceMs == 0 || pending < before + written * size)
+        set_buffered(record, now); // stdio wrote out what waited: only this chunk waits now
     return written;
 }

@@ -93,6 +93,7 @@ void perform(UrlDownloader* engine, CURLM* multi, int* running, bool report_erro
             if (report_errors && rc != CURLM_OK && rc != CURLM_CALL_MULTI_PERFORM)
                 UD_ERROR_AS("url_downloader_download_loop", "Muti-perform Error:: %s\n", curl_multi_strerror(rc));
             drain_finished(engine, multi);
+            _url_downloader_flush_stale_bodies();
         }
         _url_downloader_flush_responses();
     } while (rc == CURLM_CALL_MULTI_PERFORM);

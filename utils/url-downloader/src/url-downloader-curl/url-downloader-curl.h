@@ -24,6 +24,11 @@ UD_EXPORT size_t url_downloader_header_parser(char* line, size_t size, size_t nm
  * False when the close failed (stdio's last write: a full disk shows here). */
 bool _url_downloader_close_file(url_downloader_curl_pvt_data* record);
 
+/* Writes out the bodies whose bytes have waited in their stdio buffer for
+ * the flush delay or longer. The transfer loop calls it each time it wakes,
+ * with curl_mutex_lock held. */
+void _url_downloader_flush_stale_bodies(void);
+
 /* Judges one finished transfer and builds its response message for the
  * processing thread. The message is queued on the calling thread and written
  * by _url_downloader_flush_responses, so that the transfer thread never waits

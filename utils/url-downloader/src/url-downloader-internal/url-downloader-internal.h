@@ -26,6 +26,8 @@ typedef struct url_downloader_curl_pvt_data {
     char* filePath;               /* engine's copy of the destination path, or NULL */
     FILE* fileHandle;             /* destination, opened on the first body write */
     char* fileBuffer;             /* its stdio buffer when the body is large, else NULL */
+    int64_t lastChunkMs;          /* monotonic time of the last body chunk, 0 before the first */
+    int64_t bufferedSinceMs;      /* since when bytes wait in the stdio buffer, 0 when none do */
     int64_t expiryTime;           /* 0 none seen, -1 unparsable Expires date */
     int64_t fileSize;             /* body bytes written so far */
     url_downloader_api_h apiHandle; /* the request served; not owned */
