@@ -10,6 +10,27 @@ const char* const kUserAgent = "Korvane User Agent";
 
 url_downloader_proxy_source_t proxy_source = NULL;
 
+// Entries of activeTransactions. Each record keeps its own node and the count
+// is kept here, so that listing, unlisting and counting cost the same with
+// ten thousand transfers queued as with one (under curl_mutex_lock).
+unsigned active_count = 0;
+
+void list_transaction(url_downloader_curl_pvt_data* data)
+{
+    UrlDownloader::activeTransactions = g_list_prepend(UrlDownloader::activeTransactions, data);
+    data->activeLink = UrlDownloader::activeTransactions;
+    ++active_count;
+}
+
+void unlist_transaction(url_downloader_curl_pvt_data* data)
+{
+    if (data->activeLink == NULL)
+        return;
+    UrlDownloader::activeTransactions = g_list_delete_link(UrlDownloader::activeTransactions, data->activeLink);
+    data->activeLink = NULL;
+    --active_count;
+}
+
 // Closes the file and frees the record with its path copy; the easy handle
 // must already be gone or be released by the caller.
 void free_record(url_downloader_curl_pvt_data* data)
@@ -97,7 +118,7 @@ bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
         free_record(user_data);
         return false;
     }
-    activeTransactions = g_list_prepend(activeTransactions, user_data);
+    list_transaction(user_data);
     api->transferActive = 1;
     UD_DEBUG("Curl easy handle added for api-handle %ld\n\n", (long)(intptr_t)api);
     if (!lock.Release()) {
@@ -146,9 +167,9 @@ void UrlDownloader::RemoveTransaction(url_downloader_curl_pvt_data* data)
         UD_ERROR("Invalid input param");
         return;
     }
-    activeTransactions = g_list_remove(activeTransactions, data);
+    unlist_transaction(data);
     free_record(data);
-    UD_DEBUG("Active transaction list count is %d", (int)g_list_length(activeTransactions));
+    UD_DEBUG("Active transaction list count is %d", (int)active_count);
 }
 
 void _url_downloader_teardown_transaction(UrlDownloader* engine, url_downloader_curl_pvt_data* data)
@@ -181,7 +202,7 @@ void _url_downloader_teardown_transaction(UrlDownloader* engine, url_downloader_
 void _url_downloader_finish_transfer(UrlDownloader* engine, CURL* easy, url_downloader_curl_pvt_data* data,
                                      CURLcode result)
 {
-    bool listed = data != NULL && g_list_find(UrlDownloader::activeTransactions, data) != NULL;
+    bool listed = data != NULL && data->activeLink != NULL;
     if (listed) {
         // A detached record's request was already released by a cancellation:
         // it gets no report.
@@ -202,10 +223,7 @@ void _url_downloader_release_transactions(UrlDownloader* engine)
     UdScopedLock lock(UrlDownloader::DownloaderHandleMutex);
     while (UrlDownloader::activeTransactions != NULL) {
         url_downloader_curl_pvt_data* data = (url_downloader_curl_pvt_data*)UrlDownloader::activeTransactions->data;
-        UrlDownloader::activeTransactions =
-            g_list_delete_link(UrlDownloader::activeTransactions, UrlDownloader::activeTransactions);
-        if (data == NULL)
-            continue;
+        unlist_transaction(data);
         if (data->easyHandle != NULL) {
             // curl_easy_cleanup detaches a handle from a multi handle that
             // still exists; once the multi handle is gone it is detached already.

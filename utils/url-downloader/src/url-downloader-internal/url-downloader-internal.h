@@ -32,6 +32,7 @@ typedef struct url_downloader_curl_pvt_data {
     int64_t fileSize;             /* body bytes written so far */
     url_downloader_api_h apiHandle; /* the request served; not owned */
     CURL* easyHandle;             /* owned */
+    GList* activeLink;            /* its node in activeTransactions, NULL when not listed */
 } url_downloader_curl_pvt_data;
 
 /* Engine singleton. All state is static; an object only marks that the engine exists. */
