@@ -167,6 +167,71 @@ TEST_F(PublicApi, EachTransferEndsInOneCallbackWithItsOutcome)
     EXPECT_TRUE(log.Contains(kError, cb, "Some error with curl happened: Curl error code 18\n"));
 }
 
+// A stalled body holds up no other download (the loop does not wait out its
+// select time-out, up to 1 s, to start one), and what it received is in its
+// file within a fraction of a second, not when a 64 KiB buffer fills.
+TEST_F(PublicApi, AStalledTransferHoldsUpNothingAndItsBytesAreOnDisk)
+{
+    Get("/slow", "slow"); // 1,000 bytes of an announced 100,000, then a stall
+    ASSERT_TRUE(server.WaitForRequests("/slow", 1, 10s));
+    EXPECT_TRUE(RunMainLoopUntil([this] { return ReadFile(TempPath("slow")).size() == 1000; }, 500ms));
+    const int n = 10;
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 1; i <= n; ++i) {
+        Get("/a", "a" + std::to_string(i));
+        ASSERT_TRUE(Deliveries::WaitFor(i, 10s));
+    }
+    const auto each = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start) / n;
+    EXPECT_LT(each.count(), 300) << "ms per download beside the stalled one";
+    server.Release("/slow");
+    ASSERT_TRUE(Deliveries::WaitFor(n + 1, 10s));
+    for (const Delivery& d : Deliveries::All())
+        EXPECT_EQ(0, d.error);
+    EXPECT_EQ(Pattern(100000, 3), ReadFile(TempPath("slow")));
+}
+
+// Past six connections to a host, transfers wait their turn: they can be
+// cancelled (16), start when a connection frees up, and are swept by
+// cancel-all and finalization like any other (leaks show under ASan).
+TEST_F(PublicApi, TransfersQueuedPastTheCapPerHostCancelStartAndAreSwept)
+{
+    std::vector<url_downloader_api_h> held, queued;
+    auto hold = [&](size_t n) { // that many more stalled transfers, each on a connection of its own
+        for (size_t sent = held.size() + n; held.size() < sent;)
+            held.push_back(Get("/slow", "h" + std::to_string(held.size())));
+        ASSERT_TRUE(server.WaitForRequests("/slow", held.size(), 10s));
+    };
+    hold(6);
+    for (int q = 0; q < 4; ++q)
+        queued.push_back(Get("/a", "q" + std::to_string(q)));
+    EXPECT_FALSE(server.WaitForRequests("/a", 1, 300ms)) << "a transfer past the cap reached the server";
+    // A queued one cancelled, then a running one: its connection serves the
+    // queued ones left, one after another.
+    ASSERT_EQ(0, url_downloader_cancel_request(svc, queued[0]));
+    ASSERT_TRUE(Deliveries::WaitFor(1, 10s));
+    ASSERT_EQ(0, url_downloader_cancel_request(svc, held[0]));
+    ASSERT_TRUE(Deliveries::WaitFor(5, 10s));
+    auto all = Deliveries::All();
+    for (const char* file : {"q0", "h0", "q1", "q2", "q3"}) {
+        ASSERT_TRUE(Find(all, file)) << file;
+        EXPECT_EQ(file[0] == 'h' || file[1] == '0' ? 16 : 0, Find(all, file)->error) << file;
+    }
+    // Cancel-all drops running and queued transfers alike, without callbacks.
+    hold(1);
+    Get("/a", "q4");
+    ASSERT_EQ(0, url_downloader_cancel_all_requests(svc));
+    Get("/a", "after"); // served by a freed connection
+    ASSERT_TRUE(Deliveries::WaitFor(6, 10s));
+    EXPECT_EQ(0, Deliveries::All().back().error);
+    EXPECT_EQ(4u, server.RequestCount("/a"));
+    // Finalization with connections held and transfers queued behind them.
+    hold(6);
+    Get("/a", "q5");
+    url_downloader_finalize();
+    RunMainLoopUntil([] { return false; }, 100ms);
+    EXPECT_EQ(6u, Deliveries::Count());
+}
+
 TEST_F(PublicApi, CancelCacheAndClean)
 {
     auto ok = Get("/a", "ok");
