@@ -7,6 +7,8 @@
 #
 # Environment:
 #   UD_BENCH_REPS=5         repetitions of each download workload
+#   UD_BENCH_ONLY="..."     only these parts (default all): small medium https
+#                           big pyserver fdlimit lib
 #   UD_BENCH_BUILD=DIR      build folder whose client and library are measured,
 #                           e.g. an older build (default: the tool build below)
 #   UD_BENCH_TOOL_BUILD=DIR where this checkout is configured with the default
@@ -51,93 +53,121 @@ measure() {
     [ "$(stat -c %d:%i /opt/dbspace)" = "$(stat -c %d:%i "$db")" ] ||
         die "could not put a private folder over /opt/dbspace"
 
-    local reps="$UD_BENCH_REPS" out="$WORK/out" small=() medium=() https=() i
-    for i in $(seq -f %04g 0 999); do
+    local reps="$UD_BENCH_REPS" out="$WORK/out" small=() medium=() https=() py=() many=() i
+    for i in $(seq -f %04g 0 1999); do
+        many+=("http://127.0.0.1:$HTTP_PORT/small/f$i")
+        [ "$i" -ge 1000 ] && continue
         small+=("http://127.0.0.1:$HTTP_PORT/small/f$i")
         https+=("https://127.0.0.1:$HTTPS_PORT/small/f$i")
+        [ "$i" -lt 200 ] && py+=("http://127.0.0.1:$PY_PORT/small/f$i")
     done
     for i in $(seq -f %03g 0 99); do medium+=("http://127.0.0.1:$HTTP_PORT/medium/f$i"); done
     local big="http://127.0.0.1:$HTTP_PORT/big/file"
 
     fresh() { rm -rf "$out" && mkdir -p "$out" && sync; }
-    check() { # files bytes-each what
-        local n total
-        n=$(find "$out" -type f | wc -l)
-        total=$(find "$out" -type f -printf '%s\n' | awk '{ s += $1 } END { print s + 0 }')
-        [ "$n" -eq "$1" ] && [ "$total" -eq $(($1 * $2)) ] ||
-            die "$3 left $n files of $total bytes, wanted $1 of $2 bytes each"
+    # Downloads that did not end as a whole file (a failed or unanswered one
+    # leaves none or a part); a setup fault still stops the benchmark.
+    failures() { # files bytes-each
+        echo $(($1 - $(find "$out" -type f -size "$2c" | wc -l)))
     }
-    client() {
-        "$CLIENT" get -o "$out" "$@" >"$WORK/client.out" 2>/dev/null ||
-            die "client failed: $(tail -n 1 "$WORK/client.out")"
+    # Runs a command with the descriptor limit (0: as it is), at most 120 s;
+    # leaves "wall cpu" (user + system) seconds in TIMED.
+    timed() {
+        local limit="$1" TIMEFORMAT='%R %U %S' t
+        shift
+        t=$({ time (if [ "$limit" -gt 0 ]; then ulimit -n "$limit"; fi
+            timeout 120 "$@" >"$WORK/run.out" 2>/dev/null); } 2>&1) || true
+        TIMED=$(awk '{ printf "%.3f %.3f", $1, $2 + $3 }' <<<"$t")
     }
-    curls() { curl --parallel --parallel-max 16 -s -k --remote-name-all --output-dir "$out" "$@" 2>/dev/null; }
+    client() { timed "$LIMIT" "$CLIENT" get -o "$out" "$@"; }
+    curls() { timed "$LIMIT" curl --parallel --parallel-max 16 -s -k --remote-name-all --output-dir "$out" "$@"; }
+    want() { [ -z "${UD_BENCH_ONLY:-}" ] || [[ " $UD_BENCH_ONLY " == *" $1 "* ]]; }
+    row() { # name client curl reference aim client-cpu curl-cpu failed
+        ROWS+=("$(printf '%-22s %7s %7s %9s %7s %9s %7s %7s %7s   %s' "$1" "$2" "$3" "$4" \
+            "$(ratio "$3" "$2")" "$(ratio "$4" "$2")" "$6" "$7" "$8" "$5")")
+    }
 
     # name, files, bytes each, sync-cost key, aim, URLs...
     workload() {
-        local name="$1" files="$2" bytes="$3" key="$4" aim="$5" t0 rep c=() u=() s=()
+        local name="$1" files="$2" bytes="$3" key="$4" aim="$5" rep c=() u=() cc=() uc=() s=() cf=0 uf=0
         shift 5
         for rep in $(seq "$reps"); do
-            fresh; t0=$(now); client "$@"; c+=("$(elapsed "$t0" "$(now)")"); check "$files" "$bytes" client
-            fresh; t0=$(now); curls "$@"; u+=("$(elapsed "$t0" "$(now)")"); check "$files" "$bytes" curl
+            fresh; client "$@"; c+=("${TIMED% *}"); cc+=("${TIMED#* }"); cf=$((cf + $(failures "$files" "$bytes")))
+            fresh; curls "$@"; u+=("${TIMED% *}"); uc+=("${TIMED#* }"); uf=$((uf + $(failures "$files" "$bytes")))
             if [ -z "${SYNC_COST[$key]:-}" ]; then
                 fresh
                 s+=("$(field seconds "$("$TOOL" sync-cost "$out" "$files" "$bytes")")")
             fi
         done
         [ -n "${SYNC_COST[$key]:-}" ] || SYNC_COST[$key]=$(median "${s[@]}")
-        local cm um cs
+        local cm um
         cm=$(median "${c[@]}") um=$(median "${u[@]}")
-        cs=$(add "$um" "${SYNC_COST[$key]}")
-        ROWS+=("$(printf '%-22s %8s %8s %10s %8s %10s   %s' "$name" "$cm" "$um" "$cs" \
-            "$(ratio "$um" "$cm")" "$(ratio "$cs" "$cm")" "$aim")")
-        echo "  $name: client ${c[*]} | curl ${u[*]} | sync() x $files: ${SYNC_COST[$key]} s" >&2
+        row "$name" "$cm" "$um" "$(add "$um" "${SYNC_COST[$key]}")" "$aim" "$(median "${cc[@]}")" \
+            "$(median "${uc[@]}")" "$cf/$uf"
+        CPU_PER_FILE["$name"]="$(awk -v a="$(median "${cc[@]}")" -v b="$(median "${uc[@]}")" -v n="$files" \
+            'BEGIN { printf "client %.3f ms, curl %.3f ms", a * 1000 / n, b * 1000 / n }')"
+        echo "  $name: client ${c[*]} (cpu ${cc[*]}) | curl ${u[*]} (cpu ${uc[*]}) | sync() x $files:" \
+            "${SYNC_COST[$key]} s | failed $cf/$uf" >&2
     }
 
-    declare -gA SYNC_COST=()
+    declare -gA SYNC_COST=() CPU_PER_FILE=()
     ROWS=()
+    LIMIT=0
     echo "Measuring ($reps repetitions each)..." >&2
-    workload "1000 x 4 KiB" 1000 4096 small ">= 1.0 vs curl+sync" "${small[@]}"
-    workload "100 x 256 KiB" 100 262144 medium ">= 0.9 vs curl+sync" "${medium[@]}"
-    workload "HTTPS 1000 x 4 KiB" 1000 4096 small ">= 0.7 vs curl+sync" "${https[@]}"
-    # Large-file times jump between two modes on a shared machine: best of each.
-    local rep t0 c=() u=() us=() gib=1073741824
-    for rep in $(seq "$reps"); do
-        fresh; t0=$(now); client "$big"; c+=("$(elapsed "$t0" "$(now)")"); check 1 $gib client
-        fresh; t0=$(now); curl -s -o "$out/file" "$big"; u+=("$(elapsed "$t0" "$(now)")"); check 1 $gib curl
-        fresh; t0=$(now); curl -s -o "$out/file" "$big" && sync; us+=("$(elapsed "$t0" "$(now)")")
-        check 1 $gib "curl && sync"
-    done
-    echo "  1 GiB: client ${c[*]} | curl ${u[*]} | curl && sync ${us[*]}" >&2
-    local cb ub usb
-    cb=$(best "${c[@]}") ub=$(best "${u[@]}") usb=$(best "${us[@]}")
-    ROWS+=("$(printf '%-22s %8s %8s %10s %8s %10s   %s' "1 GiB (best of $reps)" "$cb" "$ub" "$usb" \
-        "$(ratio "$ub" "$cb")" "$(ratio "$usb" "$cb")" ">= 1.2 vs curl -o && sync")")
+    ! want small || workload "1000 x 4 KiB" 1000 4096 small ">= 1.2 vs curl+sync" "${small[@]}"
+    ! want medium || workload "100 x 256 KiB" 100 262144 medium ">= 0.9 vs curl+sync" "${medium[@]}"
+    ! want https || workload "HTTPS 1000 x 4 KiB" 1000 4096 small ">= 1.0 vs curl+sync" "${https[@]}"
+    ! want pyserver || workload "small server 200x4KiB" 200 4096 py "all 200, <= 3x curl" "${py[@]}"
+    LIMIT=256
+    ! want fdlimit || workload "2000 x 4 KiB, 256 fds" 2000 4096 many "2000 of 2000" "${many[@]}"
+    LIMIT=0
+    if want big; then
+        # Large-file times jump between two modes on a shared machine: best of each.
+        local rep c=() u=() us=() cc=() uc=() cf=0 uf=0 gib=1073741824
+        for rep in $(seq "$reps"); do
+            fresh; client "$big"; c+=("${TIMED% *}"); cc+=("${TIMED#* }"); cf=$((cf + $(failures 1 $gib)))
+            fresh; timed 0 curl -s -o "$out/file" "$big"; u+=("${TIMED% *}"); uc+=("${TIMED#* }")
+            uf=$((uf + $(failures 1 $gib)))
+            fresh; timed 0 sh -c 'curl -s -o "$1" "$2" && sync' - "$out/file" "$big"; us+=("${TIMED% *}")
+        done
+        echo "  1 GiB: client ${c[*]} | curl ${u[*]} | curl && sync ${us[*]} | failed $cf/$uf" >&2
+        row "1 GiB (best of $reps)" "$(best "${c[@]}")" "$(best "${u[@]}")" "$(best "${us[@]}")" \
+            ">= 1.5 vs curl -o && sync" "$(best "${cc[@]}")" "$(best "${uc[@]}")" "$cf/$uf"
+    fi
     rm -rf "$out"
 
     # The library figures, each in a fresh process with an empty cache.
-    echo "Library figures..." >&2
-    local lib="$WORK/lib" hit mem fin sub
-    rm -rf "${db:?}"/* "$lib" && mkdir -p "$lib"
-    hit=$("$TOOL" cache-hit "http://127.0.0.1:$HTTP_PORT/small" "$lib" 2>/dev/null) || die "cache-hit: $hit"
-    rm -rf "${db:?}"/* "$lib" && mkdir -p "$lib"
-    mem=$("$TOOL" memory "$lib" 10000 2>/dev/null) || die "memory: $mem"
-    fin=$(grep '^finalize' <<<"$mem")
-    rm -rf "${db:?}"/* "$lib" && mkdir -p "$lib"
-    sub=$("$TOOL" submit "$lib" 1000 2000 4000 8000 2>/dev/null) || die "submit: $sub"
-    rm -rf "$lib"
+    local lib="$WORK/lib" hit="" mem="" fin="" sub=""
+    if want lib; then
+        echo "Library figures..." >&2
+        rm -rf "${db:?}"/* "$lib" && mkdir -p "$lib"
+        hit=$("$TOOL" cache-hit "http://127.0.0.1:$HTTP_PORT/small" "$lib" 2>/dev/null) || die "cache-hit: $hit"
+        rm -rf "${db:?}"/* "$lib" && mkdir -p "$lib"
+        mem=$("$TOOL" memory "$lib" 10000 2>/dev/null) || die "memory: $mem"
+        fin=$(grep '^finalize' <<<"$mem")
+        rm -rf "${db:?}"/* "$lib" && mkdir -p "$lib"
+        sub=$("$TOOL" submit "$lib" 1000 2000 4000 8000 2>/dev/null) || die "submit: $sub"
+        rm -rf "$lib"
+    fi
 
     echo
     echo "==================== url-downloader bench ===================="
     echo "library:  $(readlink -f "$LIBRARY")"
     echo "client:   $CLIENT"
     echo "curl:     $(curl --version | head -n 1 | cut -d' ' -f1-3)"
-    echo "server:   nginx, 1 worker, HTTP/1.1 on 127.0.0.1 (HTTPS: self-signed RSA 2048, TLS, no HTTP/2)"
+    echo "server:   nginx, 1 worker, HTTP/1.1 on 127.0.0.1 (HTTPS: self-signed RSA 2048, TLS, no HTTP/2);"
+    echo "          small server: python3 -m http.server (threads, listen backlog 5, HTTP/1.0)"
     echo "disk:     $(df --output=source,fstype "$WORK" | tail -n 1 | tr -s ' ') (downloads and cache database)"
     echo
-    echo "Downloads: seconds, median of $reps runs (1 GiB: best run); ratio = reference / client, > 1: client faster"
-    printf '%-22s %8s %8s %10s %8s %10s   %s\n' workload client curl curl+sync "vs curl" "vs c+sync" aim
+    echo "Downloads: seconds, median of $reps runs (1 GiB: best run); ratio = reference / client, > 1: client faster;"
+    echo "cpu: user + system seconds of the process (median; 1 GiB: best); failed: client/curl, all runs"
+    printf '%-22s %7s %7s %9s %7s %9s %7s %7s %7s   %s\n' workload client curl curl+sync "vs curl" "vs c+sync" \
+        "cpu cl" "cpu curl" failed aim
     printf '%s\n' "${ROWS[@]}"
+    local name
+    for name in "1000 x 4 KiB" "HTTPS 1000 x 4 KiB"; do
+        [ -z "${CPU_PER_FILE[$name]:-}" ] || echo "cpu per file, $name: ${CPU_PER_FILE[$name]}"
+    done
     echo
     echo "client:    url-downloader get -o DIR URL... (all URLs at once; stderr to /dev/null)"
     echo "curl:      curl --parallel --parallel-max 16 -s -k --remote-name-all --output-dir DIR URL... (stderr too)"
@@ -145,8 +175,11 @@ measure() {
     echo "           writing one more file of the workload's size into the same folder (only the"
     echo "           sync() calls are timed; url-downloader-bench sync-cost). HTTPS reuses the"
     echo "           4 KiB figure. 1 GiB: 'curl -s -o FILE URL && sync' timed whole."
+    echo "failed:    files missing or not of their full size after the run (each run ends after 120 s)."
+    echo "256 fds:   client and curl run with 'ulimit -n 256'."
     echo "Every run starts with an empty output folder and a sync (not timed)."
     echo
+    [ -n "$hit" ] || { echo "=============================================================="; return; }
     echo "Library (url-downloader-bench, normal logging):"
     printf '  %-44s %-36s %s\n' "cache hit, 1000 rows, one request at a time" \
         "median $(field median_us "$hit") us, p99 $(field p99_us "$hit") us" "aim < 100 us median, < 250 us p99"
@@ -204,8 +237,10 @@ parent="${UD_BENCH_TMP:-/var/tmp}"
 export WORK
 WORK="$(mktemp -d "$parent/ud-bench.XXXXXX")"
 NGINX_PID=""
+PY_PID=""
 cleanup() {
-    [ -z "$NGINX_PID" ] || { kill "$NGINX_PID" 2>/dev/null; wait "$NGINX_PID" 2>/dev/null || true; }
+    local pid
+    for pid in $NGINX_PID $PY_PID; do kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null || true; done
     rm -rf "$WORK"
 }
 trap cleanup EXIT
@@ -216,18 +251,18 @@ chmod 755 "$WORK"
 
 echo "Making the test files in $WORK..." >&2
 mkdir -p "$WORK/www/small" "$WORK/www/medium" "$WORK/www/big" "$WORK/nginx" "$WORK/opt"
-head -c $((1000 * 4096)) /dev/urandom | split -b 4096 -d -a 4 - "$WORK/www/small/f"
+head -c $((2000 * 4096)) /dev/urandom | split -b 4096 -d -a 4 - "$WORK/www/small/f"
 head -c $((100 * 262144)) /dev/urandom | split -b 262144 -d -a 3 - "$WORK/www/medium/f"
 head -c 1073741824 /dev/urandom >"$WORK/www/big/file"
 openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 \
     -keyout "$WORK/nginx/key.pem" -out "$WORK/nginx/cert.pem" 2>/dev/null
 
-read -r HTTP_PORT HTTPS_PORT < <(python3 -c '
+read -r HTTP_PORT HTTPS_PORT PY_PORT < <(python3 -c '
 import socket
-s = [socket.socket() for _ in range(2)]
+s = [socket.socket() for _ in range(3)]
 for x in s: x.bind(("127.0.0.1", 0))
 print(*[x.getsockname()[1] for x in s])')
-export HTTP_PORT HTTPS_PORT
+export HTTP_PORT HTTPS_PORT PY_PORT
 n="$WORK/nginx"
 cat >"$n/nginx.conf" <<EOF
 worker_processes 1;
@@ -262,5 +297,11 @@ for _ in $(seq 50); do
     sleep 0.1
 done
 curl -sf -o /dev/null "http://127.0.0.1:$HTTP_PORT/small/f0000" || die "nginx did not start: $(tail -n 5 "$n/error.log")"
+# A folder served the way people do it in a hurry: Python's threading server
+# with its default listen backlog (5) and one connection per request.
+python3 -m http.server --bind 127.0.0.1 --directory "$WORK/www" "$PY_PORT" >/dev/null 2>&1 &
+PY_PID=$!
+for _ in $(seq 50); do curl -sf -o /dev/null "http://127.0.0.1:$PY_PORT/small/f0000" && break; sleep 0.1; done
+curl -sf -o /dev/null "http://127.0.0.1:$PY_PORT/small/f0000" || die "python3 -m http.server did not start"
 
 unshare --mount --propagation private -- bash "$SCRIPT" __measure || die "the measurements failed"
