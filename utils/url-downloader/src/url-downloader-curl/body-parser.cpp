@@ -30,6 +30,14 @@ const int64_t kFlushDelayMs = 100;
 // only transfers with a connection write bodies.
 std::vector<url_downloader_curl_pvt_data*> buffered;
 
+// Destination files open now, oldest first. One perform may run many short
+// transfers one after another on a kept connection, and their files are only
+// closed when the loop handles their completion after it: past one file per
+// connection, the oldest is closed early and reopened to append should more
+// of its body come, so the descriptors stay bounded whatever libcurl does.
+// Same lock as above.
+std::vector<url_downloader_curl_pvt_data*> open_bodies;
+
 int64_t monotonic_ms()
 {
     struct timespec now;
@@ -73,11 +81,12 @@ void buffer_large_body(url_downloader_curl_pvt_data* record)
 
 bool _url_downloader_close_file(url_downloader_curl_pvt_data* record)
 {
-    bool closed = true;
     if (record->fileHandle != NULL) {
-        closed = fclose(record->fileHandle) == 0;
+        record->writeFailed |= fclose(record->fileHandle) != 0;
         record->fileHandle = NULL;
+        open_bodies.erase(std::find(open_bodies.begin(), open_bodies.end(), record));
     }
+    const bool closed = !record->writeFailed;
     set_buffered(record, 0);
     free(record->fileBuffer); // only after the close, which flushes it
     record->fileBuffer = NULL;
@@ -105,17 +114,20 @@ size_t url_downloader_body_parser(void* data, size_t size, size_t nmemb, void* u
     url_downloader_curl_pvt_data* record = (url_downloader_curl_pvt_data*)user_data;
 
     // Opened on the first chunk only, so an empty body creates no file; "wb"
-    // truncates whatever was there before.
+    // truncates whatever was there before. A file closed early is reopened.
     if (record->fileHandle == NULL) {
         if (record->filePath == NULL) {
             UD_ERROR("No Filename to write data\n");
             return 0;
         }
-        record->fileHandle = fopen(record->filePath, "wb");
+        if (open_bodies.size() >= URL_DOWNLOADER_MAX_CONNECTIONS)
+            _url_downloader_close_file(open_bodies.front());
+        record->fileHandle = fopen(record->filePath, record->fileSize > 0 ? "ab" : "wb");
         if (record->fileHandle == NULL) {
             UD_ERROR("Failed to write data to:%s\n", record->filePath);
             return 0;
         }
+        open_bodies.push_back(record);
         buffer_large_body(record);
     }
 

@@ -29,7 +29,7 @@ thread_local bool keep_instance_lock;
 // between transfers (one TLS handshake per connection, not per file); the idle
 // ones kept are bounded too, so a burst leaves at most that many open.
 const long kMaxConnectionsPerHost = 6;
-const long kMaxConnections = 32;
+const long kMaxConnections = URL_DOWNLOADER_MAX_CONNECTIONS;
 const long kMaxIdleConnections = 16;
 
 // Wakes the transfer loop out of select() when a transfer is added or a

@@ -17,6 +17,10 @@
 typedef char* (*url_downloader_proxy_source_t)(url_downloader_h service);
 void _url_downloader_set_proxy_source(url_downloader_proxy_source_t source);
 
+/* The most connections the engine holds at once (see the connection policy
+ * in engine-lifecycle.cpp); the body writer keeps as many files open. */
+#define URL_DOWNLOADER_MAX_CONNECTIONS 32
+
 /* Values of the 4-byte messages of the download pipe. */
 #define URL_DOWNLOADER_CURL_MSG_CLEANUP 0
 #define URL_DOWNLOADER_CURL_MSG_WAKEUP 1
@@ -28,6 +32,7 @@ typedef struct url_downloader_curl_pvt_data {
     char* fileBuffer;             /* its stdio buffer when the body is large, else NULL */
     int64_t lastChunkMs;          /* monotonic time of the last body chunk, 0 before the first */
     int64_t bufferedSinceMs;      /* since when bytes wait in the stdio buffer, 0 when none do */
+    bool writeFailed;             /* a close before the end of the body lost bytes */
     int64_t expiryTime;           /* 0 none seen, -1 unparsable Expires date */
     int64_t fileSize;             /* body bytes written so far */
     url_downloader_api_h apiHandle; /* the request served; not owned */
