@@ -38,8 +38,17 @@ const long kMaxIdleConnections = 16;
 // no transfer runs.
 std::atomic<int> loop_wakeup_fd{-1};
 
+// Wake-ups owed to the loop. Each wake-up makes the loop perform, and a
+// perform walks every queued transfer, so a burst of additions or
+// cancellations is answered with one wake-up: the processing thread pays
+// what it owes before it waits for its next command, or once this many are
+// owed.
+std::atomic<int> wakeups_owed{0};
+const int kWakeupBatch = 64;
+
 void close_loop_wakeup()
 {
+    wakeups_owed = 0;
     int fd = loop_wakeup_fd.exchange(-1);
     if (fd >= 0)
         close(fd);
@@ -223,6 +232,14 @@ int _url_downloader_transfer_loop_wakeup_fd(void)
 
 void _url_downloader_wake_transfer_loop(void)
 {
+    if (++wakeups_owed >= kWakeupBatch)
+        _url_downloader_pay_transfer_loop_wakeups();
+}
+
+void _url_downloader_pay_transfer_loop_wakeups(void)
+{
+    if (wakeups_owed.exchange(0) == 0)
+        return;
     // A counter that is already non-zero wakes the loop all the same, so a
     // failed write (the counter full) loses nothing.
     int fd = loop_wakeup_fd.load();

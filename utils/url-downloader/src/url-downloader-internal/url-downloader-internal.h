@@ -88,9 +88,13 @@ void _url_downloader_finish_transfer(UrlDownloader* engine, CURL* easy, url_down
 
 /* The transfer loop's wake-up descriptor (an eventfd, -1 when the engine is
  * down), which the loop watches in select() besides libcurl's sockets; waking
- * it makes a running cycle perform at once. Set up and closed with the engine. */
+ * it makes a running cycle perform at once. Set up and closed with the engine.
+ * _url_downloader_wake_transfer_loop owes a wake-up (after an addition or a
+ * cancellation) and pays once a batch is owed; the processing thread pays the
+ * rest with _url_downloader_pay_transfer_loop_wakeups before it waits. */
 int _url_downloader_transfer_loop_wakeup_fd(void);
 void _url_downloader_wake_transfer_loop(void);
+void _url_downloader_pay_transfer_loop_wakeups(void);
 void _url_downloader_clear_transfer_loop_wakeup(void);
 
 /* Releases every record still listed (easy handle, file, path copy, record).

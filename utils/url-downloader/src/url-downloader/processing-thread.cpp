@@ -1,6 +1,6 @@
 #include <errno.h>
-#include <poll.h>
 #include <inttypes.h>
+#include <poll.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -207,6 +207,11 @@ void* url_downloader_thread_loop(void* arg)
         url_downloader_error error = URL_DOWNLOADER_ERROR_NONE;
         _url_downloader_mark_started();
 
+        // About to wait for a command: the transfers added or cancelled so
+        // far start now, one wake-up for the whole burst.
+        struct pollfd ready = {url_downloader_pipe_fd[0], POLLIN, 0};
+        if (poll(&ready, 1, 0) == 0)
+            _url_downloader_pay_transfer_loop_wakeups();
         _url_downloader_read_pipe(&message, &error);
         if (error != URL_DOWNLOADER_ERROR_NONE) {
             UD_ERROR("_url_downloader_read_pipe failed with error-code as %d", (int)error);
