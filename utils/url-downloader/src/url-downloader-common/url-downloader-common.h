@@ -7,11 +7,20 @@
 
 #include <pthread.h>
 #include <stdint.h>
+#include <time.h>
 
 #include "url-downloader.h"
 #include "url-downloader-log.h"
 
 #define UD_EXPORT __attribute__((visibility("default")))
+
+/* Milliseconds of the monotonic clock: for waits and ages, never for dates. */
+static inline int64_t ud_monotonic_ms(void)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
 
 /* Commands of the processing pipe. */
 typedef enum {

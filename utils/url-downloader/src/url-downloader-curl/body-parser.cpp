@@ -38,13 +38,6 @@ std::vector<url_downloader_curl_pvt_data*> buffered;
 // Same lock as above.
 std::vector<url_downloader_curl_pvt_data*> open_bodies;
 
-int64_t monotonic_ms()
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
-}
-
 void set_buffered(url_downloader_curl_pvt_data* record, int64_t since)
 {
     if ((record->bufferedSinceMs != 0) != (since != 0)) {
@@ -97,7 +90,7 @@ void _url_downloader_flush_stale_bodies(void)
 {
     if (buffered.empty())
         return;
-    const int64_t now = monotonic_ms();
+    const int64_t now = ud_monotonic_ms();
     // flush_body takes the record out of the list: walk a copy.
     std::vector<url_downloader_curl_pvt_data*> records(buffered);
     for (url_downloader_curl_pvt_data* record : records)
@@ -135,7 +128,7 @@ size_t url_downloader_body_parser(void* data, size_t size, size_t nmemb, void* u
     size_t written = fwrite(data, size, nmemb, record->fileHandle);
     record->fileSize += (int64_t)written;
 
-    const int64_t now = monotonic_ms();
+    const int64_t now = ud_monotonic_ms();
     const size_t pending = __fpending(record->fileHandle);
     const bool paused = now - record->lastChunkMs >= kFlushDelayMs; // also the first chunk
     record->lastChunkMs = now;
