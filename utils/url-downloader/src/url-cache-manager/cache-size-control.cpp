@@ -66,7 +66,9 @@ int64_t URLCacheManager::cleanUrlCache()
      * holds or has just used the write lock. Taking the write lock first lets
      * the busy timeout do its work, and keeps the trim whole for other
      * processes. */
-    ret = url_cache_db_exec("BEGIN IMMEDIATE", &errmsg);
+    /* Inside a write batch the batch's transaction holds the trim. */
+    const bool own_transaction = !url_cache_db_in_transaction();
+    ret = own_transaction ? url_cache_db_exec("BEGIN IMMEDIATE", &errmsg) : SQLITE_OK;
     bool in_transaction = ret == SQLITE_OK;
     if (!in_transaction) {
         UD_ERROR("SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
@@ -106,7 +108,8 @@ int64_t URLCacheManager::cleanUrlCache()
     }
 
     sqlite3_reset(stmt); /* the selection ends before the transaction does */
-    if (in_transaction) {
+    bool kept = in_transaction;
+    if (in_transaction && own_transaction) {
         /* Committed on failure too: rows already deleted stay deleted. A
          * failed COMMIT is rolled back, and then no row was deleted: the log
          * says so, and the admission that asked for the room fails. */
@@ -117,11 +120,11 @@ int64_t URLCacheManager::cleanUrlCache()
             url_cache_db_exec("ROLLBACK", &errmsg);
             sqlite3_free(errmsg);
             UD_ERROR("Trim rolled back, no row was deleted");
-            ok = false;
-        } else if (remainder < URL_CACHE_HALF_SIZE) {
-            UD_DEBUG("Cache cleaned to its half size [%" PRId64 "]", remainder);
+            ok = kept = false;
         }
     }
+    if (kept && remainder < URL_CACHE_HALF_SIZE)
+        UD_DEBUG("Cache cleaned to its half size [%" PRId64 "]", remainder);
     delete scratch;
 
     if (!ok) {

@@ -20,23 +20,32 @@ int url_cache_db_prepare(const char* sql, sqlite3_stmt** stmt);
 
 /* Notes a result of SQLite that says the database is corrupt; returns rc. */
 int url_cache_db_note(int rc);
-/* After a statement saw a corrupt database: moves the file aside and makes a
- * new one, once per process. cache_db_lock held, no statement open. */
-void url_cache_db_recover_if_corrupt(void);
+
+/* Take and release cache_db_lock, unless the calling thread holds it for a
+ * write batch already (its statements run inside the batch). */
+void url_cache_db_enter(void);
+void url_cache_db_leave(void);
+
+/* Whether the connection is inside a transaction; cache_db_lock held. */
+bool url_cache_db_in_transaction(void);
+
+/* Closes the connection and forgets what this process learnt about the file
+ * (a lock episode, no access), so that the next statement opens it anew: for
+ * a process that replaces the database file. No statement may be running. */
+void url_cache_db_close(void);
 
 /* Holds cache_db_lock for its scope, and with it at most one compiled
  * statement and its query text, both freed when the scope ends, on every
  * path. */
 class CacheDbSession {
 public:
-    CacheDbSession() { pthread_mutex_lock(&cache_db_lock); }
+    CacheDbSession() { url_cache_db_enter(); }
     ~CacheDbSession()
     {
         /* With legacy statements the step's real error comes out here. */
         url_cache_db_note(sqlite3_finalize(stmt_));
         sqlite3_free(query_);
-        url_cache_db_recover_if_corrupt();
-        pthread_mutex_unlock(&cache_db_lock);
+        url_cache_db_leave();
     }
     CacheDbSession(const CacheDbSession&) = delete;
     CacheDbSession& operator=(const CacheDbSession&) = delete;

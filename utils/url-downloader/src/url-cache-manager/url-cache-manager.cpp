@@ -11,7 +11,7 @@
 
 #include "db-util.h"
 #include "url-cache-db.h"
-#include "url-downloader-log.h"
+#include "url-downloader-common.h"
 
 #define URL_CACHE_CREATE_TABLE_FORMAT \
     " create table if not exists %s ( id INTEGER PRIMARY KEY AUTOINCREMENT, url TEXT, filepath TEXT, " \
@@ -23,6 +23,9 @@
  * A healthy peer holds the write lock for milliseconds; the processing thread
  * waits here before it delivers, so every client of the process waits too. */
 #define URL_CACHE_BUSY_TIMEOUT_MS 2000
+/* While a lock episode lasts with the database unopened, how often a write
+ * batch tries to open it: the platform's open waits for the lock itself. */
+#define URL_CACHE_REOPEN_INTERVAL_MS 5000
 
 pthread_mutex_t cache_db_lock = PTHREAD_MUTEX_INITIALIZER;
 sqlite3* cache_db_handle = NULL;
@@ -33,40 +36,56 @@ namespace {
 
 /* The wait budget of the calling thread (see url_cache_db_new_wait_budget). */
 thread_local bool budget_in_unit = false;
-thread_local long long budget_deadline_ms = 0;
+thread_local int64_t budget_deadline_ms = 0;
 thread_local bool budget_spent = false;
+/* Set while the thread holds cache_db_lock for a write batch. */
+thread_local bool batch_held = false;
 
-long long monotonic_ms()
+/* What the process learnt about the file; cache_db_lock held. */
+bool lock_episode = false;  /* another process held the lock for a whole busy wait */
+bool no_access = false;     /* the file may not be opened for writing by this process */
+bool never_wait = false;    /* set around a statement that must not wait */
+int64_t next_open_try_ms = 0;
+
+void start_lock_episode()
 {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return (long long)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+    if (lock_episode)
+        return;
+    lock_episode = true;
+    next_open_try_ms = ud_monotonic_ms() + URL_CACHE_REOPEN_INTERVAL_MS;
+    UD_ERROR_AS("url_cache_db",
+                "Cache database locked by another process for %d ms: the cache is bypassed until the lock is gone",
+                URL_CACHE_BUSY_TIMEOUT_MS);
 }
 
 /* SQLite's busy handler: waits while another connection holds a lock, for at
  * most one busy timeout per unit of work, so that several statements of one
- * request never wait one after the other. */
+ * request never wait one after the other; and not at all once a wait has run
+ * out, until the lock is seen gone. */
 int wait_within_budget(void*, int count)
 {
+    if (lock_episode || never_wait)
+        return 0;
     if (!budget_in_unit && count == 0) {
         budget_deadline_ms = 0;
         budget_spent = false;
     }
     if (budget_spent)
         return 0;
-    long long now = monotonic_ms();
+    int64_t now = ud_monotonic_ms();
     if (budget_deadline_ms == 0)
         budget_deadline_ms = now + URL_CACHE_BUSY_TIMEOUT_MS;
     if (now >= budget_deadline_ms) {
         budget_spent = true;
-        UD_ERROR_AS("url_cache_db", "Cache database locked by another process for %d ms, not waiting longer",
-                    URL_CACHE_BUSY_TIMEOUT_MS);
+        start_lock_episode();
         return 0;
     }
-    long long pause = budget_deadline_ms - now < 10 ? budget_deadline_ms - now : 10;
+    int64_t pause = budget_deadline_ms - now < 10 ? budget_deadline_ms - now : 10;
     usleep((useconds_t)(pause * 1000));
     return 1;
 }
+
+bool is_code(int rc, int code) { return (rc & 0xff) == code; }
 
 /* Corruption seen by a statement since the last check, and whether this
  * process has already made a new database once; cache_db_lock held. */
@@ -77,19 +96,34 @@ bool recovered = false;
 ino_t opened_inode = 0;
 
 /* Opens the database and makes the table; cache_db_lock held. A database
- * that could not be opened (another process holding it, say) is tried again
- * by the next statement. */
+ * that could not be opened for a passing reason is tried again by the next
+ * statement; one locked by another process by the next write batch; one this
+ * process may not write never again (one line in the log, not one per
+ * request). */
 bool open_locked()
 {
     if (cache_db_handle != NULL)
         return true;
+    if (no_access || lock_episode)
+        return false;
     /* Whatever the platform leaves in the handle on failure, the database
      * counts as unopened then: only a successful open is kept. The utility
      * bounds its own wait for a locked file. */
     sqlite3* handle = NULL;
     int ret = db_util_open(URL_CACHE_DB_PATH, &handle, URL_CACHE_DB_OPEN_OPTION);
+    if (ret == 0 && handle != NULL && sqlite3_db_readonly(handle, "main") == 1) {
+        /* Readable but not writable: admissions and stale rows could not be
+         * written, so the cache is off rather than half on. */
+        sqlite3_close_v2(handle);
+        ret = SQLITE_READONLY;
+    }
     if (ret != 0) {
         UD_ERROR_AS("URLCacheManager", "DBConnect failed with:%d", ret);
+        if (is_code(ret, SQLITE_BUSY) || is_code(ret, SQLITE_LOCKED))
+            start_lock_episode();
+        else if (is_code(ret, SQLITE_CANTOPEN) || is_code(ret, SQLITE_PERM) || is_code(ret, SQLITE_READONLY) ||
+                 is_code(ret, SQLITE_AUTH))
+            no_access = true;
         return false;
     }
     sqlite3_busy_handler(handle, wait_within_budget, NULL);
@@ -111,22 +145,11 @@ bool open_locked()
     return true;
 }
 
-} // namespace
+bool is_corrupt(int rc) { return is_code(rc, SQLITE_CORRUPT) || is_code(rc, SQLITE_NOTADB); }
 
-namespace {
-bool is_corrupt(int rc) { return (rc & 0xff) == SQLITE_CORRUPT || (rc & 0xff) == SQLITE_NOTADB; }
-} // namespace
-
-int url_cache_db_note(int rc)
-{
-    /* Legacy statements report a generic error; the connection knows which. */
-    bool failed = rc != SQLITE_OK && rc != SQLITE_ROW && rc != SQLITE_DONE;
-    if (is_corrupt(rc) || (failed && cache_db_handle != NULL && is_corrupt(sqlite3_errcode(cache_db_handle))))
-        corrupt_seen = true;
-    return rc;
-}
-
-void url_cache_db_recover_if_corrupt(void)
+/* After a statement saw a corrupt database: moves the file aside and makes a
+ * new one, once per process. cache_db_lock held, no statement open. */
+void recover_if_corrupt()
 {
     if (!corrupt_seen || cache_db_handle == NULL)
         return;
@@ -162,6 +185,128 @@ void url_cache_db_recover_if_corrupt(void)
     open_locked();
 }
 
+url_cache_db_state state_locked()
+{
+    if (no_access)
+        return URL_CACHE_DB_OFF;
+    return lock_episode ? URL_CACHE_DB_LOCKED : URL_CACHE_DB_READY;
+}
+
+} // namespace
+
+int url_cache_db_note(int rc)
+{
+    /* Legacy statements report a generic error; the connection knows which. */
+    bool failed = rc != SQLITE_OK && rc != SQLITE_ROW && rc != SQLITE_DONE;
+    if (is_corrupt(rc) || (failed && cache_db_handle != NULL && is_corrupt(sqlite3_errcode(cache_db_handle))))
+        corrupt_seen = true;
+    return rc;
+}
+
+void url_cache_db_enter(void)
+{
+    if (!batch_held)
+        pthread_mutex_lock(&cache_db_lock);
+}
+
+void url_cache_db_leave(void)
+{
+    if (batch_held)
+        return; // the batch recovers a corrupt file once it has ended
+    recover_if_corrupt();
+    pthread_mutex_unlock(&cache_db_lock);
+}
+
+bool url_cache_db_in_transaction(void)
+{
+    return cache_db_handle != NULL && sqlite3_get_autocommit(cache_db_handle) == 0;
+}
+
+void url_cache_db_close(void)
+{
+    pthread_mutex_lock(&cache_db_lock);
+    sqlite3_close_v2(cache_db_handle);
+    cache_db_handle = NULL;
+    lock_episode = false;
+    no_access = false;
+    corrupt_seen = false;
+    recovered = false;
+    pthread_mutex_unlock(&cache_db_lock);
+}
+
+url_cache_db_state url_cache_db_open_state(void)
+{
+    CacheDbSession session;
+    open_locked();
+    return state_locked();
+}
+
+url_cache_db_state url_cache_db_current_state(void)
+{
+    CacheDbSession session;
+    return state_locked();
+}
+
+CacheDbWriteBatch::CacheDbWriteBatch()
+{
+    pthread_mutex_lock(&cache_db_lock);
+    batch_held = true;
+    if (cache_db_handle == NULL && lock_episode && !no_access) {
+        /* Opening waits for the lock inside the platform's utility: tried
+         * now and then only. */
+        int64_t now = ud_monotonic_ms();
+        if (now < next_open_try_ms)
+            return;
+        next_open_try_ms = now + URL_CACHE_REOPEN_INTERVAL_MS;
+        lock_episode = false;
+        if (!open_locked()) {
+            start_lock_episode();
+            return;
+        }
+    }
+    char* errmsg = NULL;
+    never_wait = true;
+    int ret = url_cache_db_exec("BEGIN IMMEDIATE", &errmsg);
+    never_wait = false;
+    sqlite3_free(errmsg);
+    if (ret != SQLITE_OK)
+        return;
+    began_ = true;
+    if (lock_episode) {
+        lock_episode = false;
+        UD_DEBUG_AS("url_cache_db", "Cache database lock gone: the cache is used again");
+    }
+}
+
+bool CacheDbWriteBatch::Commit()
+{
+    if (!began_)
+        return false;
+    began_ = false;
+    char* errmsg = NULL;
+    int ret = url_cache_db_exec("COMMIT", &errmsg);
+    if (ret != SQLITE_OK) {
+        UD_ERROR_AS("url_cache_db", "SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
+        sqlite3_free(errmsg);
+        url_cache_db_exec("ROLLBACK", &errmsg);
+        sqlite3_free(errmsg);
+        return false;
+    }
+    return true;
+}
+
+CacheDbWriteBatch::~CacheDbWriteBatch()
+{
+    if (began_) {
+        char* errmsg = NULL;
+        url_cache_db_exec("ROLLBACK", &errmsg);
+        sqlite3_free(errmsg);
+    }
+    batch_held = false;
+    recover_if_corrupt();
+    pthread_mutex_unlock(&cache_db_lock);
+}
+
 void url_cache_db_new_wait_budget(void)
 {
     budget_in_unit = true;
@@ -174,7 +319,7 @@ int url_cache_db_exec(const char* sql, char** errmsg)
     *errmsg = NULL;
     /* An unopened database fails here like any other statement would. */
     if (!open_locked())
-        return SQLITE_MISUSE;
+        return lock_episode ? SQLITE_BUSY : SQLITE_MISUSE;
     return url_cache_db_note(sqlite3_exec(cache_db_handle, sql, NULL, NULL, errmsg));
 }
 
@@ -182,7 +327,7 @@ int url_cache_db_prepare(const char* sql, sqlite3_stmt** stmt)
 {
     *stmt = NULL;
     if (!open_locked())
-        return SQLITE_MISUSE;
+        return lock_episode ? SQLITE_BUSY : SQLITE_MISUSE;
     return url_cache_db_note(sqlite3_prepare(cache_db_handle, sql, (int)strlen(sql), stmt, NULL));
 }
 

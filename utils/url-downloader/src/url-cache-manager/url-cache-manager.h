@@ -32,6 +32,42 @@ typedef struct _url_downloader_cache {
  * budget per statement. */
 void url_cache_db_new_wait_budget(void);
 
+/* What the shared database can do for this process. Another process (an app
+ * in a long transaction, a backup tool, a crashed writer) may hold its lock
+ * for any time: once a statement has waited out the busy timeout, the
+ * database counts as locked and no statement of this process waits for it
+ * again until a write batch finds the lock gone. */
+typedef enum {
+    URL_CACHE_DB_READY,  /* statements run, waiting at most one busy timeout */
+    URL_CACHE_DB_LOCKED, /* another process holds the lock: statements fail at once */
+    URL_CACHE_DB_OFF     /* this process may not use the file (not in the cache's group) */
+} url_cache_db_state;
+
+/* The database's state for this process; opens it first when that was not
+ * tried yet (which may wait one busy timeout). */
+url_cache_db_state url_cache_db_open_state(void);
+/* The state without opening: URL_CACHE_DB_READY also when never opened. */
+url_cache_db_state url_cache_db_current_state(void);
+
+/* One write transaction of this process, begun without waiting: Began() is
+ * false while another process holds the lock (or the database is off). Its
+ * thread's manager operations run inside it; others of the process wait for
+ * its end. Rolled back unless committed. Beginning ends a lock episode. */
+class CacheDbWriteBatch {
+public:
+    CacheDbWriteBatch();
+    ~CacheDbWriteBatch();
+    CacheDbWriteBatch(const CacheDbWriteBatch&) = delete;
+    CacheDbWriteBatch& operator=(const CacheDbWriteBatch&) = delete;
+
+    bool Began() const { return began_; }
+    /* False when the transaction could not be committed (it is rolled back). */
+    bool Commit();
+
+private:
+    bool began_ = false;
+};
+
 /* One cache row; owns its three strings. */
 class UD_CACHE_EXPORT UrlCache {
 public:

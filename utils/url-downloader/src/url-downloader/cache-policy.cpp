@@ -1,5 +1,6 @@
 #include "cache-policy.h"
 
+#include <deque>
 #include <inttypes.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,6 +11,8 @@
 #include <unistd.h>
 
 namespace {
+
+const char* printable(const char* text) { return text != NULL ? text : "(null)"; }
 
 /* Zero-filled copy of src in a buffer of strlen + 1 bytes. Returns false,
  * leaving *copy untouched, when that buffer would exceed the bounded-copy
@@ -26,20 +29,76 @@ bool bounded_copy(const char* src, char** copy)
     return true;
 }
 
-/* Length of the regular file at path. Any process can write cache rows, so
- * the path may name a FIFO, a device or a folder: it is opened without
- * blocking and accepted only as a regular file. */
-bool regular_file_length(const char* path, long long* length)
+/* What a cached or admitted file is, as the cache sees it. */
+enum FileCheck { FILE_SERVABLE, FILE_MISSING };
+
+/* Looks at the file at path. Any process in the cache's group can write
+ * rows, so the path may name a FIFO, a device or a folder: it is opened
+ * without blocking and only a regular file counts. */
+FileCheck check_file(const char* path, long long* length)
 {
     int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (fd < 0)
-        return false;
+        return FILE_MISSING;
     struct stat info;
-    bool regular = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
-    if (regular)
+    FileCheck check = FILE_MISSING;
+    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        check = FILE_SERVABLE;
         *length = (long long)info.st_size;
+    }
     close(fd);
-    return regular;
+    return check;
+}
+
+/* Whether a finished download may enter the cache: its file is still a
+ * regular file of the recorded size. */
+bool admissible(const url_downloader_cache* record)
+{
+    long long length = -1;
+    if (record->filepath == NULL || check_file(record->filepath, &length) != FILE_SERVABLE ||
+        length != (long long)record->filesize) {
+        UD_ERROR("Not added to cache: %s is not the downloaded file any more", printable(record->filepath));
+        return false;
+    }
+    return true;
+}
+
+/* Admissions that met another process's lock on the cache, oldest first,
+ * written once the lock is gone. The processing thread's alone. */
+struct HeldAdmission {
+    explicit HeldAdmission(url_downloader_cache* source) : record(source) {}
+    UrlCache record;
+};
+std::deque<HeldAdmission> held_admissions;
+bool held_overflow_logged = false;
+int64_t next_settle_ms = 0;
+
+void hold_admission(url_downloader_cache* record)
+{
+    if (held_admissions.size() >= URL_DOWNLOADER_MAX_HELD_ADMISSIONS) {
+        if (!held_overflow_logged)
+            UD_ERROR("Cache locked by another process: more than %d admissions held, the oldest are dropped",
+                     URL_DOWNLOADER_MAX_HELD_ADMISSIONS);
+        held_overflow_logged = true;
+        held_admissions.pop_front();
+    }
+    held_admissions.emplace_back(record);
+    UD_DEBUG("Cache locked by another process: admission held until the lock is gone (%zu held)",
+             held_admissions.size());
+}
+
+/* The admission itself: nothing when a valid entry for the URL exists
+ * already, else trimmed and inserted. False when it met the lock. */
+bool admit_now(url_downloader_cache* record)
+{
+    char* cached = url_downloader_get_cache_filepath(record);
+    if (cached != NULL) {
+        UD_DEBUG("URL Found in cache\n");
+        free(cached);
+        return true;
+    }
+    url_downloader_error error = URL_DOWNLOADER_ERROR_NONE;
+    return url_downloader_add_cache(record, &error) || url_cache_db_current_state() != URL_CACHE_DB_LOCKED;
 }
 
 } // namespace
@@ -69,8 +128,8 @@ char* url_downloader_get_cache_filepath(url_downloader_cache* cache)
         UD_ERROR("URL entry exists in DB, but filepath is NULL");
     } else {
         long long length = -1;
-        bool opened = regular_file_length(entry->filepath, &length);
-        if (!opened) {
+        FileCheck check = check_file(entry->filepath, &length);
+        if (check == FILE_MISSING) {
             UD_ERROR("URL found in cache but the downloaded file missing in file-system");
         } else if (length != (long long)entry->filesize) {
             UD_ERROR("URL found in cache but the file size mismatch. \nDB stored size is %d, and actaul size is %d",
@@ -114,6 +173,9 @@ bool url_downloader_check_cache(url_downloader_api_t* api_handle, url_downloader
         UD_ERROR("provided url is NULL");
         return false;
     }
+    // Off for this process: every request is a miss, without a line of its own.
+    if (url_cache_db_open_state() == URL_CACHE_DB_OFF)
+        return false;
 
     url_downloader_cache* url_cache = static_cast<url_downloader_cache*>(calloc(1, sizeof(url_downloader_cache)));
     UD_ASSERT_ALLOC(url_cache);
@@ -195,4 +257,50 @@ bool url_downloader_add_cache(url_downloader_cache* cache, url_downloader_error*
     UD_DEBUG("added to cache \n");
     UD_END();
     return true;
+}
+
+void _url_downloader_admit_download(url_downloader_cache* record)
+{
+    switch (url_cache_db_open_state()) {
+    case URL_CACHE_DB_OFF:
+        return;
+    case URL_CACHE_DB_LOCKED:
+        if (admissible(record))
+            hold_admission(record);
+        return;
+    case URL_CACHE_DB_READY:
+        break;
+    }
+    if (!admissible(record))
+        return;
+    url_cache_db_new_wait_budget(); // one admission: at most one wait for a peer's lock
+    if (!admit_now(record))
+        hold_admission(record);
+}
+
+int _url_downloader_settle_cache(void)
+{
+    if (held_admissions.empty() && url_cache_db_current_state() != URL_CACHE_DB_LOCKED)
+        return -1;
+    const int64_t now = ud_monotonic_ms();
+    if (now < next_settle_ms)
+        return (int)(next_settle_ms - now);
+    next_settle_ms = now + URL_DOWNLOADER_CACHE_PROBE_MS;
+
+    CacheDbWriteBatch batch;
+    if (!batch.Began())
+        return URL_DOWNLOADER_CACHE_PROBE_MS;
+    // The same checks and trimming as at once, all in the one transaction.
+    size_t written = 0;
+    for (HeldAdmission& entry : held_admissions) {
+        const UrlCache& held = entry.record;
+        url_downloader_cache record = {held.id,           held.url,        held.filepath, held.filesize,
+                                       held.downloadtime, held.expirytime, held.appname};
+        written += admissible(&record) && admit_now(&record);
+    }
+    if (batch.Commit())
+        UD_DEBUG("Cache lock gone: %zu of %zu held admissions written", written, held_admissions.size());
+    held_admissions.clear();
+    held_overflow_logged = false;
+    return -1;
 }

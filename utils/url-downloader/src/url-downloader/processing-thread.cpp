@@ -94,15 +94,7 @@ void _url_downloader_process_download_response(url_downloader_api_h api, url_dow
                      "filepath=%s]\n",
                      printable(record.url), record.filesize, printable(record.appname), record.downloadtime,
                      record.expirytime, printable(record.filepath));
-            url_cache_db_new_wait_budget(); // one admission: at most one wait for a peer's lock
-            char* cached = url_downloader_get_cache_filepath(&record);
-            if (cached != NULL) {
-                UD_DEBUG("URL Found in cache\n");
-                free(cached);
-            } else {
-                url_downloader_error cache_error = URL_DOWNLOADER_ERROR_NONE;
-                url_downloader_add_cache(&record, &cache_error);
-            }
+            _url_downloader_admit_download(&record);
         }
     }
     _url_downloader_resp_callback(api);
@@ -195,6 +187,23 @@ void shut_engine_down()
     join_transfer_thread();
     delete engine;
 }
+// Returns when a command is in the pipe, or when reading it may block: while
+// another process holds the cache's lock, it looks for the lock's end now and
+// then instead of sleeping on the pipe.
+void wait_for_command()
+{
+    for (;;) {
+        int settle_in_ms = _url_downloader_settle_cache();
+        struct pollfd ready = {url_downloader_pipe_fd[0], POLLIN, 0};
+        if (poll(&ready, 1, 0) != 0)
+            return;
+        // About to wait: the transfers added or cancelled so far start now,
+        // one wake-up for the whole burst.
+        _url_downloader_pay_transfer_loop_wakeups();
+        if (settle_in_ms < 0 || poll(&ready, 1, settle_in_ms) != 0)
+            return;
+    }
+}
 } // namespace
 
 void* url_downloader_thread_loop(void* arg)
@@ -207,11 +216,7 @@ void* url_downloader_thread_loop(void* arg)
         url_downloader_error error = URL_DOWNLOADER_ERROR_NONE;
         _url_downloader_mark_started();
 
-        // About to wait for a command: the transfers added or cancelled so
-        // far start now, one wake-up for the whole burst.
-        struct pollfd ready = {url_downloader_pipe_fd[0], POLLIN, 0};
-        if (poll(&ready, 1, 0) == 0)
-            _url_downloader_pay_transfer_loop_wakeups();
+        wait_for_command();
         _url_downloader_read_pipe(&message, &error);
         if (error != URL_DOWNLOADER_ERROR_NONE) {
             UD_ERROR("_url_downloader_read_pipe failed with error-code as %d", (int)error);
@@ -255,6 +260,8 @@ void* url_downloader_thread_loop(void* arg)
     }
 
     shut_engine_down();
+    // Held admissions get one last look; those still held wait for the next start.
+    _url_downloader_settle_cache();
     UD_ERROR("Closing the downloader thread!");
     UD_END();
     return NULL;

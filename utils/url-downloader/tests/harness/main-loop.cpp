@@ -31,7 +31,7 @@ bool RunMainLoopUntil(const std::function<bool()>& done, std::chrono::millisecon
 
 bool Deliveries::Callback(url_downloader_api_h api, void* path, void* user_data, int error)
 {
-    Delivery d{api, std::nullopt, user_data, error, std::this_thread::get_id()};
+    Delivery d{api, std::nullopt, user_data, error, std::this_thread::get_id(), std::chrono::steady_clock::now()};
     if (path != nullptr)
         d.path = static_cast<const char*>(path);
     std::lock_guard<std::mutex> lock(g_mutex);

@@ -23,6 +23,7 @@ struct Delivery {
     void* user_data;
     int error;
     std::thread::id thread; // thread that ran the callback
+    std::chrono::steady_clock::time_point at{};
 };
 
 // Every call of Callback, in one process-wide, thread-safe list.

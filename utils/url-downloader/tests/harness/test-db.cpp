@@ -21,10 +21,7 @@ void FailDbOpen(bool fail) { g_fail = fail; }
 
 void FreshCacheDb()
 {
-    pthread_mutex_lock(&cache_db_lock);
-    sqlite3_close_v2(cache_db_handle);
-    cache_db_handle = nullptr;
-    pthread_mutex_unlock(&cache_db_lock);
+    url_cache_db_close();
     for (const char* suffix : {"", "-wal", "-shm", ".corrupt", ".corrupt-wal"})
         std::remove((CacheDbPath() + suffix).c_str());
 }
