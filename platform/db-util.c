@@ -18,12 +18,15 @@
  * stuck one stalls nobody for long. */
 #define DB_UTIL_BUSY_TIMEOUT_MS 2000
 
-/* Every process of the device shares the cache, whatever its user: the
- * folders made here and the database file are open to all (the modes are set
- * explicitly, since the process's umask would narrow them). SQLite gives the
- * -wal and -shm files it creates the database file's mode. */
-#define DB_UTIL_DIR_MODE 0777
-#define DB_UTIL_FILE_MODE 0666
+/* A database is shared by the users of one group, not by every user: a
+ * process that could write rows could hand other apps content of its own.
+ * Folders made here are setgid, so that what is made inside belongs to their
+ * group, and never world-writable; a database file is readable and writable
+ * by its owner and group only. The modes are set explicitly, since the
+ * process's umask would narrow them. SQLite gives the -wal and -shm files it
+ * makes the database file's mode and, as root, its owner and group. */
+#define DB_UTIL_DIR_MODE 02775
+#define DB_UTIL_FILE_MODE 0660
 
 /* Creates every missing folder above the file at path. */
 static int make_parent_dirs(const char* path)
@@ -125,14 +128,56 @@ int db_util_open(const char* path, sqlite3** handle, int option)
     return rc;
 }
 
+/* The group of the folder that holds path; -1 when it cannot be read. */
+static gid_t folder_group(const char* path)
+{
+    char* folder = strdup(path);
+    if (folder == NULL)
+        return (gid_t)-1;
+    char* slash = strrchr(folder, '/');
+    if (slash == folder)
+        slash[1] = '\0';
+    else if (slash != NULL)
+        *slash = '\0';
+    struct stat info;
+    gid_t group = stat(slash != NULL ? folder : ".", &info) == 0 ? info.st_gid : (gid_t)-1;
+    free(folder);
+    return group;
+}
+
+/* Takes world write access away from a database file or side file that an
+ * older version made open to all; only its owner (or root) can. */
+static void close_to_other_users(const char* path, const char* suffix)
+{
+    size_t size = strlen(path) + strlen(suffix) + 1;
+    char* name = malloc(size);
+    if (name == NULL)
+        return;
+    snprintf(name, size, "%s%s", path, suffix);
+    struct stat info;
+    if (lstat(name, &info) == 0 && S_ISREG(info.st_mode) && (info.st_mode & S_IWOTH) != 0 &&
+        (info.st_uid == geteuid() || geteuid() == 0))
+        chmod(name, info.st_mode & 07775);
+    free(name);
+}
+
 static int open_once(const char* path, sqlite3** handle)
 {
-    /* Made here, not by SQLite, so that its mode is the shared one. */
+    /* Made here, not by SQLite, so that its mode and group are the shared
+     * ones: the folder's group even where the folder is not setgid (which
+     * the process can only give when it is in that group, or root). */
     int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, DB_UTIL_FILE_MODE);
     if (fd >= 0) {
+        gid_t group = folder_group(path);
+        if (group != (gid_t)-1 && fchown(fd, (uid_t)-1, group) != 0) {
+            /* not in the folder's group: the file keeps the process's */
+        }
         fchmod(fd, DB_UTIL_FILE_MODE);
         close(fd);
     }
+    close_to_other_users(path, "");
+    close_to_other_users(path, "-wal");
+    close_to_other_users(path, "-shm");
 
     sqlite3* db = NULL;
     int rc = sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, NULL);

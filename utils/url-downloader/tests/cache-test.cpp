@@ -11,6 +11,7 @@
 #include <sqlite3.h>
 #include <thread>
 #include <vector>
+#include <grp.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -53,15 +54,15 @@ bool Add(std::string url, const char* path, int64_t size, int64_t expiry, bool a
                  : Cache()->addUrlCache(record);
 }
 
-// n child processes at once (as user uid unless -1, ended after 2 min) admit rows; true if none failed.
-bool AdmitInChildren(int n, int rows, int64_t size, uid_t uid = -1)
+// n child processes at once (ended after 2 min) admit rows; true if none failed.
+bool AdmitInChildren(int n, int rows, int64_t size)
 {
     CacheDbPath(); // fixes the shared folder before the fork
     std::vector<pid_t> children;
     for (int c = 0; c < n; ++c)
         if (children.emplace_back(fork()) == 0) {
             alarm(120);
-            bool ok = uid == (uid_t)-1 || (setgid(uid) == 0 && setuid(uid) == 0);
+            bool ok = true;
             for (int i = 0; i < rows; ++i)
                 ok &= Add("http://" + std::to_string(getpid()) + "/" + std::to_string(i), "/f", size, 2e9 + i);
             _exit(ok ? 0 : 1);
@@ -196,6 +197,7 @@ TEST_F(CacheTest, LookupServesOnlyPresentSameLengthUnexpiredRegularFiles)
         {"", false, 5, later, "filepath is NULL"},
         {"fifo", false, 0, later, "downloaded file missing in file-system"},
         {"folder", false, 4096, later, "downloaded file missing in file-system"},
+        {"open-to-all", true, 5, later, "downloaded file is writable by any user"}, // anyone could swap its content
         {"kept", true, 5, later, nullptr},
     };
     for (const auto& r : rows) {
@@ -203,6 +205,7 @@ TEST_F(CacheTest, LookupServesOnlyPresentSameLengthUnexpiredRegularFiles)
             std::ofstream(TempPath(r.url)) << "12345";
         ASSERT_TRUE(Add(r.url, *r.url != '\0' ? TempPath(r.url).c_str() : nullptr, r.size, r.expiry));
     }
+    ASSERT_EQ(0, chmod(TempPath("open-to-all").c_str(), 0666));
     std::ofstream(TempPath("kept")) << "abcde"; // other contents, same length: still served
     for (const auto& r : rows) {
         SCOPED_TRACE(r.url);
@@ -256,22 +259,92 @@ TEST_F(CacheTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
     }
 }
 
-// Two processes admitting at once, also while each admission trims, never fail and lose no row;
-// a process of another user than the database's also admits into it.
+// Two processes admitting at once, also while each admission trims, never fail and lose no row.
 TEST_F(CacheTest, ProcessesShareTheCache)
 {
     EXPECT_TRUE(AdmitInChildren(2, 500, 1));
     EXPECT_EQ(1000, CountCacheRows()) << "rows lost";
     EXPECT_TRUE(AdmitInChildren(2, 300, 3000000)); // a trim every other admission
+}
+
+// Users of the cache's group share hits and admissions, whoever made the database; a user outside
+// it can neither open it nor plant a row, and still downloads, with one log line for the process.
+TEST_F(CacheTest, OnlyTheCachesGroupSharesItAndOthersDownloadWithoutIt)
+{
     if (geteuid() != 0)
-        GTEST_SKIP() << "switching to another user needs root";
-    ASSERT_EQ(0, chmod(TempDir().c_str(), 0777)); // standing in for the device's shared folder
-    for (const char* suffix : {"", "-wal", "-shm"}) {
+        GTEST_SKIP() << "switching to other users needs root";
+    TestServer server;
+    for (const char* p : {"/u1", "/u2", "/u3", "/u4"})
+        server.Route(p, {200, {}, Pattern(64, p[2])});
+    const gid_t group = 40000;
+    const uid_t a = 40001, b = 40002, outsider = 40003;
+    // The device's set-up: the database's folder belongs to the cache's group and is setgid.
+    ASSERT_EQ(0, chown(TempDir().c_str(), 0, group));
+    ASSERT_EQ(0, chmod(TempDir().c_str(), 02775));
+    auto dest = [](uid_t u, const char* name) { return TempPath(std::to_string(u)) + "/" + name; };
+    for (uid_t u : {a, b, outsider}) {
+        ASSERT_EQ(0, mkdir(TempPath(std::to_string(u)).c_str(), 0700));
+        ASSERT_EQ(0, chown(TempPath(std::to_string(u)).c_str(), u, u == outsider ? u : group));
+        ASSERT_EQ(0, chmod(TempPath(std::to_string(u)).c_str(), u == outsider ? 0700 : 02750));
+    }
+    // As user u (in the cache's group or not): downloads each path with the cache and checks where each came.
+    auto as = [&](uid_t u, std::vector<std::pair<const char*, std::string>> expected, size_t open_failures) {
+        CacheDbPath();
+        const pid_t pid = fork();
+        if (pid == 0) {
+            alarm(60);
+            std::vector<gid_t> groups{u == outsider ? u : group};
+            std::string complaint;
+            if (setgroups(1, groups.data()) != 0 || setgid(u) != 0 || setuid(u) != 0)
+                complaint = "cannot switch user";
+            umask(027);
+            LogCapture log;
+            url_downloader_h svc;
+            url_downloader_api_h api;
+            if (complaint.empty() && url_downloader_register("user", Deliveries::Callback, nullptr, &svc) != 0)
+                complaint = "register failed";
+            for (size_t i = 0; i < expected.size() && complaint.empty(); ++i) {
+                const size_t before = Deliveries::Count();
+                const std::string path = dest(u, expected[i].first + 1), url = server.Url(expected[i].first);
+                if (url_downloader_download(svc, path.c_str(), url.c_str(), true, nullptr, &api) != 0 ||
+                    !Deliveries::WaitFor(before + 1, 20s))
+                    complaint = std::string("no callback for ") + expected[i].first;
+                else if (Deliveries::All().back().error != 0 ||
+                         Deliveries::All().back().path.value_or("") != expected[i].second)
+                    complaint = std::string(expected[i].first) + " came as " +
+                                Deliveries::All().back().path.value_or("NULL");
+            }
+            url_downloader_finalize();
+            if (complaint.empty() && (log.Count(kError, "URLCacheManager", "DBConnect failed with:14") != open_failures ||
+                                      log.ContainsText("SQL error") || log.ContainsText("sqlite3_prepare returned")))
+                complaint = "not " + std::to_string(open_failures) + " failed opens and no other database error";
+            sqlite3* db = nullptr;
+            if (complaint.empty() && u == outsider && sqlite3_open(CacheDbPath().c_str(), &db) == SQLITE_OK &&
+                sqlite3_exec(db, "insert into qeturlcache (url) values ('planted')", nullptr, nullptr, nullptr) == 0)
+                complaint = "planted a row";
+            sqlite3_close(db);
+            if (!complaint.empty())
+                std::fprintf(stderr, "as %u: %s\n", u, complaint.c_str());
+            _exit(complaint.empty() ? 0 : 1);
+        }
+        int status = 1;
+        return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    };
+    EXPECT_TRUE(as(a, {{"/u1", dest(a, "u1")}}, 0));
+    EXPECT_TRUE(as(b, {{"/u1", dest(a, "u1")}, {"/u2", dest(b, "u2")}}, 0)); // a's download answers b
+    EXPECT_TRUE(as(a, {{"/u2", dest(b, "u2")}}, 0));
+    EXPECT_TRUE(as(outsider, {{"/u3", dest(outsider, "u3")}, {"/u4", dest(outsider, "u4")}}, 1));
+    for (const char* suffix : {"", "-wal", "-shm"}) { // before a connection of root's closes the last
         struct stat info {};
         ASSERT_EQ(0, stat((CacheDbPath() + suffix).c_str(), &info)) << suffix;
-        EXPECT_EQ(0666u, info.st_mode & 0777) << suffix;
+        EXPECT_EQ(0660u, info.st_mode & 07777) << suffix;
+        EXPECT_EQ(group, info.st_gid) << suffix;
     }
-    EXPECT_TRUE(AdmitInChildren(1, 1, 1, 65534)); // as nobody
+    EXPECT_EQ(1u, server.RequestCount("/u1"));
+    EXPECT_EQ(1u, server.RequestCount("/u2"));
+    EXPECT_EQ(2, CountCacheRows());
+    ASSERT_EQ(0, chown(TempDir().c_str(), 0, 0));
+    ASSERT_EQ(0, chmod(TempDir().c_str(), 0700));
 }
 
 // A peer holding the cache's lock far longer than the busy wait (2 s) costs the process that one wait

@@ -30,11 +30,12 @@ bool bounded_copy(const char* src, char** copy)
 }
 
 /* What a cached or admitted file is, as the cache sees it. */
-enum FileCheck { FILE_SERVABLE, FILE_MISSING };
+enum FileCheck { FILE_SERVABLE, FILE_MISSING, FILE_WRITABLE_BY_ANY_USER };
 
 /* Looks at the file at path. Any process in the cache's group can write
  * rows, so the path may name a FIFO, a device or a folder: it is opened
- * without blocking and only a regular file counts. */
+ * without blocking and only a regular file counts. One that any user may
+ * rewrite could hand every app of the device someone else's content. */
 FileCheck check_file(const char* path, long long* length)
 {
     int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
@@ -43,7 +44,7 @@ FileCheck check_file(const char* path, long long* length)
     struct stat info;
     FileCheck check = FILE_MISSING;
     if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-        check = FILE_SERVABLE;
+        check = (info.st_mode & S_IWOTH) != 0 ? FILE_WRITABLE_BY_ANY_USER : FILE_SERVABLE;
         *length = (long long)info.st_size;
     }
     close(fd);
@@ -51,7 +52,7 @@ FileCheck check_file(const char* path, long long* length)
 }
 
 /* Whether a finished download may enter the cache: its file is still a
- * regular file of the recorded size. */
+ * regular file of the recorded size that only its users may rewrite. */
 bool admissible(const url_downloader_cache* record)
 {
     long long length = -1;
@@ -131,6 +132,8 @@ char* url_downloader_get_cache_filepath(url_downloader_cache* cache)
         FileCheck check = check_file(entry->filepath, &length);
         if (check == FILE_MISSING) {
             UD_ERROR("URL found in cache but the downloaded file missing in file-system");
+        } else if (check == FILE_WRITABLE_BY_ANY_USER) {
+            UD_ERROR("URL found in cache but the downloaded file is writable by any user");
         } else if (length != (long long)entry->filesize) {
             UD_ERROR("URL found in cache but the file size mismatch. \nDB stored size is %d, and actaul size is %d",
                      (int)entry->filesize, (int)length);
