@@ -34,7 +34,7 @@ URLCacheManager* URLCacheManager::instance = NULL;
 
 namespace {
 
-/* The wait budget of the calling thread (see url_cache_db_new_wait_budget). */
+/* The wait budget of the calling thread (see CacheDbWaitBudget). */
 thread_local bool budget_in_unit = false;
 thread_local int64_t budget_deadline_ms = 0;
 thread_local bool budget_spent = false;
@@ -307,12 +307,14 @@ CacheDbWriteBatch::~CacheDbWriteBatch()
     pthread_mutex_unlock(&cache_db_lock);
 }
 
-void url_cache_db_new_wait_budget(void)
+CacheDbWaitBudget::CacheDbWaitBudget()
 {
     budget_in_unit = true;
     budget_deadline_ms = 0;
     budget_spent = false;
 }
+
+CacheDbWaitBudget::~CacheDbWaitBudget() { budget_in_unit = false; }
 
 int url_cache_db_exec(const char* sql, char** errmsg)
 {

@@ -26,11 +26,17 @@ typedef struct _url_downloader_cache {
     char* appname;
 } url_downloader_cache;
 
-/* Starts a new unit of work for the calling thread's statements (one lookup,
- * or one admission): together they wait at most one busy timeout for locks
- * that other processes hold. A thread that never starts one gets a fresh
- * budget per statement. */
-void url_cache_db_new_wait_budget(void);
+/* For its scope, the calling thread's statements are one unit of work (one
+ * lookup, or one admission): together they wait at most one busy timeout for
+ * locks that other processes hold. Outside such a scope each statement has a
+ * budget of its own. */
+class CacheDbWaitBudget {
+public:
+    CacheDbWaitBudget();
+    ~CacheDbWaitBudget();
+    CacheDbWaitBudget(const CacheDbWaitBudget&) = delete;
+    CacheDbWaitBudget& operator=(const CacheDbWaitBudget&) = delete;
+};
 
 /* What the shared database can do for this process. Another process (an app
  * in a long transaction, a backup tool, a crashed writer) may hold its lock

@@ -171,7 +171,7 @@ bool url_downloader_check_cache(url_downloader_api_t* api_handle, url_downloader
         return false;
     }
     *error = URL_DOWNLOADER_ERROR_NONE;
-    url_cache_db_new_wait_budget(); // one lookup: at most one wait for a peer's lock
+    CacheDbWaitBudget budget; // one lookup: at most one wait for a peer's lock
     if (api_handle->url == NULL) {
         UD_ERROR("provided url is NULL");
         return false;
@@ -276,7 +276,7 @@ void _url_downloader_admit_download(url_downloader_cache* record)
     }
     if (!admissible(record))
         return;
-    url_cache_db_new_wait_budget(); // one admission: at most one wait for a peer's lock
+    CacheDbWaitBudget budget; // one admission: at most one wait for a peer's lock
     if (!admit_now(record))
         hold_admission(record);
 }
