@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
 # Benchmark: the url-downloader client against curl (the same libcurl) on a
-# private nginx over loopback, and the library's cache-hit latency, memory per
-# outstanding request and submission cost (url-downloader-bench).
+# private nginx over loopback, the library's cache-hit latency, memory per
+# outstanding request and submission cost, and what another process holding the
+# cache database's write lock does to a client (url-downloader-bench).
 #
 #   bash scripts/bench.sh
 #
 # Environment:
 #   UD_BENCH_REPS=5         repetitions of each download workload
 #   UD_BENCH_ONLY="..."     only these parts (default all): small medium https
-#                           big pyserver fdlimit lib
+#                           big pyserver fdlimit lib cachelock (the last holds
+#                           the cache database's lock for 20 s, then 60 s)
 #   UD_BENCH_BUILD=DIR      build folder whose client and library are measured,
 #                           e.g. an older build (default: the tool build below)
 #   UD_BENCH_TOOL_BUILD=DIR where this checkout is configured with the default
@@ -150,6 +152,21 @@ measure() {
         rm -rf "$lib"
     fi
 
+    # A peer holding the cache database's write lock, 20 s then 60 s; each run
+    # tags its URLs, so the rows of the first never answer the second.
+    local locked="$WORK/cachelock" holds=(20 60) locks=() hold
+    if want cachelock; then
+        echo "Cache database locked by a peer (${holds[*]} s)..." >&2
+        find "${db:?}" -mindepth 1 -delete # the database is a dot file
+        for hold in "${holds[@]}"; do
+            rm -rf "$locked" && mkdir -p "$locked"
+            locks+=("$(timeout $((hold + 300)) "$TOOL" cache-lock "http://127.0.0.1:$HTTP_PORT" "$locked" \
+                /opt/dbspace/.urlcache.db "$hold" 2>/dev/null)") || true
+            echo "  ${locks[-1]//$'\n'/$'\n'  }" >&2
+        done
+        rm -rf "$locked"
+    fi
+
     echo
     echo "==================== url-downloader bench ===================="
     echo "library:  $(readlink -f "$LIBRARY")"
@@ -179,25 +196,51 @@ measure() {
     echo "256 fds:   client and curl run with 'ulimit -n 256'."
     echo "Every run starts with an empty output folder and a sync (not timed)."
     echo
-    [ -n "$hit" ] || { echo "=============================================================="; return; }
-    echo "Library (url-downloader-bench, normal logging):"
-    printf '  %-44s %-36s %s\n' "cache hit, 1000 rows, one request at a time" \
-        "median $(field median_us "$hit") us, p99 $(field p99_us "$hit") us" "aim < 100 us median, < 250 us p99"
-    printf '  %-44s %s\n' "" "($(field hits "$hit") of 1000 answered from the cache)"
-    printf '  %-44s %-36s %s\n' "memory per outstanding request (10,000)" "$(field per_request_kib "$mem") KiB" \
-        "aim <= 16 KiB"
-    printf '  %-44s %s\n' "" "(VmRSS $(field rss_before_kib "$mem") -> $(field rss_after_kib "$mem") KiB;" \
-        "" "$(field callbacks_meanwhile "$mem") callbacks came meanwhile; silent loopback listener)"
-    printf '  %-44s %s\n' "finalize with them outstanding" \
-        "$(if [ "$(field returned "$fin")" = yes ]; then echo "returned in $(field ms "$fin") ms"; else echo "DID NOT RETURN in 60 s"; fi)"
-    local line first=""
-    while read -r line; do
-        local n us
-        n=$(field requests "$line") us=$(field per_request_us "$line")
-        [ -n "$first" ] || first="$us"
-        printf '  %-44s %-36s %s\n' "submission, $n requests" \
-            "$us us/request ($(field total_ms "$line") ms)" "aim linear: $(ratio "$us" "$first") x of 1000's"
-    done <<<"$sub"
+    if [ -n "$hit" ]; then
+        echo "Library (url-downloader-bench, normal logging):"
+        printf '  %-44s %-36s %s\n' "cache hit, 1000 rows, one request at a time" \
+            "median $(field median_us "$hit") us, p99 $(field p99_us "$hit") us" "aim < 100 us median, < 250 us p99"
+        printf '  %-44s %s\n' "" "($(field hits "$hit") of 1000 answered from the cache)"
+        printf '  %-44s %-36s %s\n' "memory per outstanding request (10,000)" "$(field per_request_kib "$mem") KiB" \
+            "aim <= 16 KiB"
+        printf '  %-44s %s\n' "" "(VmRSS $(field rss_before_kib "$mem") -> $(field rss_after_kib "$mem") KiB;" \
+            "" "$(field callbacks_meanwhile "$mem") callbacks came meanwhile; silent loopback listener)"
+        printf '  %-44s %s\n' "finalize with them outstanding" \
+            "$(if [ "$(field returned "$fin")" = yes ]; then echo "returned in $(field ms "$fin") ms"; else echo "DID NOT RETURN in 60 s"; fi)"
+        local line first=""
+        while read -r line; do
+            local n us
+            n=$(field requests "$line") us=$(field per_request_us "$line")
+            [ -n "$first" ] || first="$us"
+            printf '  %-44s %-36s %s\n' "submission, $n requests" \
+                "$us us/request ($(field total_ms "$line") ms)" "aim linear: $(ratio "$us" "$first") x of 1000's"
+        done <<<"$sub"
+    fi
+    if [ "${#locks[@]}" -gt 0 ]; then
+        echo "Cache database write-locked by a peer process (url-downloader-bench cache-lock):"
+        echo "  service A asks for one new URL every 0.5 s with use_cache; at half the hold service B"
+        echo "  asks for 3 and cancels them all from another thread; callback times from the submission."
+        printf '  %-6s %-10s %-17s %-12s %-10s %-11s %-13s %s\n' hold downloads "callbacks/failed" "slowest" \
+            median "cancel-all" "rows/success" "all rows after release"
+        local i result line
+        for i in "${!locks[@]}"; do
+            result="${locks[$i]}"
+            line=$(grep '^cache-lock' <<<"$result" || true)
+            if [ -z "$line" ]; then
+                printf '  %-6s %s\n' "${holds[$i]} s" "no result"
+            else
+                local ok rows_ms
+                ok=$(($(field delivered "$line") - $(field failed "$line")))
+                rows_ms=$(field rows_ms_after_release "$line")
+                [ "$rows_ms" != -1 ] && rows_ms="$rows_ms ms" || rows_ms="not within 10 s"
+                printf '  %-6s %-10s %-17s %-12s %-10s %-11s %-13s %s\n' "$(field hold_s "$line") s" \
+                    "$(field downloads "$line")" "$(field delivered "$line")/$(field failed "$line")" \
+                    "$(field slowest_ms "$line") ms" "$(field median_ms "$line") ms" \
+                    "$(field cancel_all_ms "$line") ms" "$(field rows "$line")/$ok" "$rows_ms"
+            fi
+            grep '^error' <<<"$result" | sed 's/^/    /' || true
+        done
+    fi
     echo "=============================================================="
 }
 

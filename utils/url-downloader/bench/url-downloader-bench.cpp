@@ -1,20 +1,27 @@
 // url-downloader-bench: the library's cache-hit latency, memory per
-// outstanding request and submission cost, through the public API only.
+// outstanding request, submission cost and behaviour while another process
+// holds the cache database's write lock, through the public API only.
 // scripts/bench.sh runs it with a private cache database folder.
 //
 //   url-downloader-bench cache-hit BASE_URL DIR   (BASE_URL/f0000 .. f0999 exist)
 //   url-downloader-bench memory DIR COUNT
 //   url-downloader-bench submit DIR COUNT...
 //   url-downloader-bench sync-cost DIR COUNT BYTES
+//   url-downloader-bench cache-lock BASE_URL DIR DB HOLD_S
+//                                       (BASE_URL/small/f0000 .. f1999 exist)
 //
 // Results are printed as "name key=value..." lines on stdout; errors as
 // "error: ..." lines there too, since stderr carries libcurl's trace.
 #include <fcntl.h>
 #include <glib.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,6 +30,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -298,6 +307,295 @@ int SyncCost(const std::string& dir, size_t count, size_t bytes)
     return 0;
 }
 
+// cache-lock: what a peer process holding the cache database's write lock
+// does to a client's callbacks, cancellations and cache rows.
+struct LockRequest {
+    Clock::time_point submitted;
+    Clock::time_point answered;
+    int error = -1; // -1: no callback yet
+};
+struct LockRun {
+    std::map<url_downloader_api_h, size_t> pending; // handle -> index into requests
+    std::vector<LockRequest> requests;
+};
+LockRun lock_run;
+
+bool OnLockResult(url_downloader_api_h request, void*, void*, int error)
+{
+    const Clock::time_point now = Clock::now();
+    // A handle is dead once its callback returns and its address may come
+    // back for a later request: forget it here.
+    const auto found = lock_run.pending.find(request);
+    if (found != lock_run.pending.end()) {
+        lock_run.requests[found->second].answered = now;
+        lock_run.requests[found->second].error = error;
+        lock_run.pending.erase(found);
+    }
+    return true;
+}
+
+url_downloader_h RegisterAs(const char* name)
+{
+    url_downloader_h service = nullptr;
+    const url_downloader_error rc = url_downloader_register(name, OnLockResult, nullptr, &service);
+    if (rc != URL_DOWNLOADER_ERROR_NONE) {
+        std::printf("error: registration of %s failed (%d)\n", name, static_cast<int>(rc));
+        std::exit(1);
+    }
+    return service;
+}
+
+// Index of the request in lock_run.requests, or -1 if it was refused.
+long SubmitTimed(url_downloader_h service, const std::string& path, const std::string& url, bool use_cache)
+{
+    LockRequest timed;
+    timed.submitted = Clock::now();
+    url_downloader_api_h request = nullptr;
+    const url_downloader_error rc =
+        url_downloader_download(service, path.c_str(), url.c_str(), use_cache, nullptr, &request);
+    if (rc != URL_DOWNLOADER_ERROR_NONE) {
+        std::printf("error: url_downloader_download of %s failed (%d)\n", url.c_str(), static_cast<int>(rc));
+        return -1;
+    }
+    lock_run.requests.push_back(timed);
+    lock_run.pending[request] = lock_run.requests.size() - 1;
+    return static_cast<long>(lock_run.requests.size() - 1);
+}
+
+// Delivers callbacks until the deadline or until done() holds; a short
+// sleep keeps the callback times within about a millisecond.
+bool PumpUntil(Clock::time_point deadline, const std::function<bool()>& done = nullptr)
+{
+    while (!(done && done())) {
+        while (g_main_context_iteration(nullptr, FALSE)) {
+        }
+        const Clock::time_point now = Clock::now();
+        if (now >= deadline)
+            return done == nullptr;
+        std::this_thread::sleep_for(std::min<Clock::duration>(deadline - now, std::chrono::milliseconds(1)));
+    }
+    return true;
+}
+
+// The peer: waits for "go", takes the write lock, says so, holds it for
+// hold_s seconds, commits and reports the steady-clock time of the release.
+[[noreturn]] void LockPeer(const std::string& db, size_t hold_s, int go_fd, int report_fd)
+{
+    char go = 0;
+    if (read(go_fd, &go, 1) != 1)
+        _exit(1);
+    sqlite3* connection = nullptr;
+    char state = 'e';
+    if (sqlite3_open(db.c_str(), &connection) == SQLITE_OK && sqlite3_busy_timeout(connection, 10000) == SQLITE_OK &&
+        sqlite3_exec(connection, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) == SQLITE_OK)
+        state = 'l';
+    if (write(report_fd, &state, 1) != 1 || state != 'l')
+        _exit(1);
+    std::this_thread::sleep_for(std::chrono::seconds(hold_s));
+    if (sqlite3_exec(connection, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK)
+        _exit(1);
+    const int64_t released = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                 Clock::now().time_since_epoch()).count();
+    const bool told = write(report_fd, &released, sizeof released) == sizeof released;
+    sqlite3_close(connection);
+    _exit(told ? 0 : 1);
+}
+
+// Rows of this run's downloads by service A, or -1 if the query failed.
+long CountRows(sqlite3* connection, const std::string& tag)
+{
+    // B's URLs carry the same tag followed by "b": those rows are not A's.
+    const std::string sql = "select count(*) from qeturlcache where url like '%?lock=" + tag +
+                            "-%' and url not like '%?lock=" + tag + "-b%'";
+    sqlite3_stmt* statement = nullptr;
+    long count = -1;
+    if (sqlite3_prepare_v2(connection, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK &&
+        sqlite3_step(statement) == SQLITE_ROW)
+        count = sqlite3_column_int64(statement, 0);
+    sqlite3_finalize(statement);
+    return count;
+}
+
+int CacheLock(const std::string& base, const std::string& dir, const std::string& db, size_t hold_s)
+{
+    // The peer is forked before the library starts: a child of a process
+    // with the library's threads and SQLite connections could inherit a lock
+    // held at the fork, or SQLite's record of the parent's file locks.
+    int go[2], report[2];
+    if (pipe2(go, O_CLOEXEC) != 0 || pipe2(report, O_CLOEXEC) != 0) {
+        std::printf("error: cannot create pipes\n");
+        return 1;
+    }
+    std::fflush(stdout);
+    const pid_t peer = fork();
+    if (peer < 0) {
+        std::printf("error: cannot fork the peer\n");
+        return 1;
+    }
+    if (peer == 0) {
+        close(go[1]);
+        close(report[0]);
+        LockPeer(db, hold_s, go[0], report[1]);
+    }
+    close(go[0]);
+    close(report[1]);
+
+    int status = 0; // the return value: 1 once an error line is printed
+    const std::string tag = std::to_string(getpid());
+    const std::string small = base + "/small/";
+    g_mkdir_with_parents(dir.c_str(), 0755);
+    url_downloader_h a = RegisterAs("bench-lock-a");
+    url_downloader_h b = RegisterAs("bench-lock-b");
+
+    // Untimed: the database and its table exist before the peer opens it.
+    const long warm = SubmitTimed(a, dir + "/warm", small + "f1999?warm=" + tag, false);
+    if (warm < 0 || !PumpUntil(Clock::now() + std::chrono::seconds(60),
+                               [warm] { return lock_run.requests[warm].error >= 0; })) {
+        std::printf("error: the first download did not come back within 60 s\n");
+        kill(peer, SIGKILL);
+        waitpid(peer, nullptr, 0);
+        return 1;
+    }
+    lock_run.requests.clear();
+
+    const char start = 'g';
+    char state = 0;
+    struct pollfd ready = {report[0], POLLIN, 0};
+    if (write(go[1], &start, 1) != 1 || poll(&ready, 1, 10000) != 1 || read(report[0], &state, 1) != 1 ||
+        state != 'l') {
+        std::printf("error: the peer did not take the database's write lock within 10 s\n");
+        kill(peer, SIGKILL);
+        waitpid(peer, nullptr, 0);
+        url_downloader_finalize();
+        return 1;
+    }
+    const Clock::time_point held = Clock::now();
+    const Clock::time_point hold_end = held + std::chrono::seconds(hold_s);
+    const Clock::time_point b_at = held + std::chrono::milliseconds(hold_s * 500);
+
+    std::vector<size_t> a_requests;
+    std::atomic<bool> cancelled{false};
+    double cancel_ms = -1;
+    std::thread canceller;
+    // B's downloads, then the cancellation that sweeps them: it blocks, so
+    // it runs off the main thread, which keeps delivering A's callbacks.
+    auto cancel_b = [&] {
+        for (size_t i = 0; i < 3; ++i)
+            SubmitTimed(b, dir + "/" + Name("b", 4, i), small + Name("f", 4, 1900 + i) + "?lock=" + tag + "-b" +
+                                                           std::to_string(i), true);
+        canceller = std::thread([&cancelled, &cancel_ms, b] {
+            const Clock::time_point from = Clock::now();
+            const url_downloader_error rc = url_downloader_cancel_all_requests(b);
+            cancel_ms = Micros(from, Clock::now()) / 1000;
+            if (rc != URL_DOWNLOADER_ERROR_NONE)
+                std::printf("error: url_downloader_cancel_all_requests failed (%d)\n", static_cast<int>(rc));
+            cancelled = true;
+        });
+    };
+    for (size_t i = 1;; ++i) {
+        const Clock::time_point at = held + std::chrono::milliseconds(500 * i);
+        if (at >= hold_end)
+            break;
+        if (!canceller.joinable() && b_at <= at) {
+            PumpUntil(b_at);
+            cancel_b();
+        }
+        PumpUntil(at);
+        const size_t n = a_requests.size();
+        const long index = SubmitTimed(a, dir + "/" + Name("d", 4, n),
+                                       small + Name("f", 4, n) + "?lock=" + tag + "-" + std::to_string(n), true);
+        if (index < 0)
+            status = 1;
+        else
+            a_requests.push_back(static_cast<size_t>(index));
+    }
+    if (!canceller.joinable())
+        cancel_b();
+    PumpUntil(hold_end);
+
+    int peer_status = 0;
+    if (!PumpUntil(Clock::now() + std::chrono::seconds(15),
+                   [&] { return waitpid(peer, &peer_status, WNOHANG) == peer; })) {
+        std::printf("error: the peer did not end within 15 s of its hold\n");
+        kill(peer, SIGKILL);
+        waitpid(peer, &peer_status, 0);
+        status = 1;
+    }
+    int64_t released_ns = 0;
+    Clock::time_point released = Clock::now();
+    if (WIFEXITED(peer_status) && WEXITSTATUS(peer_status) == 0 &&
+        read(report[0], &released_ns, sizeof released_ns) == sizeof released_ns) {
+        released = Clock::time_point(std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(released_ns)));
+    } else {
+        std::printf("error: the peer did not commit and report its release\n");
+        status = 1;
+    }
+    close(go[1]);
+    close(report[0]);
+
+    auto all_answered = [&a_requests] {
+        for (size_t index : a_requests)
+            if (lock_run.requests[index].error < 0)
+                return false;
+        return true;
+    };
+    if (!PumpUntil(Clock::now() + std::chrono::seconds(120), all_answered)) {
+        std::printf("error: not every download of A had its callback 120 s after the hold\n");
+        status = 1;
+    }
+    if (!PumpUntil(Clock::now() + std::chrono::seconds(120), [&cancelled] { return cancelled.load(); })) {
+        std::printf("error: url_downloader_cancel_all_requests did not return within 120 s of the hold\n");
+        std::fflush(stdout);
+        _exit(1);
+    }
+    canceller.join();
+
+    std::vector<double> latency;
+    size_t failed = 0;
+    for (size_t index : a_requests) {
+        const LockRequest& timed = lock_run.requests[index];
+        if (timed.error < 0)
+            continue;
+        latency.push_back(Micros(timed.submitted, timed.answered) / 1000);
+        failed += timed.error != URL_DOWNLOADER_ERROR_NONE ? 1 : 0;
+    }
+    std::sort(latency.begin(), latency.end());
+    const size_t delivered = latency.size();
+    const double slowest = delivered > 0 ? latency.back() : -1;
+    const double median =
+        delivered == 0 ? -1 : (latency[(delivered - 1) / 2] + latency[delivered / 2]) / 2;
+
+    const long wanted = static_cast<long>(delivered - failed);
+    long rows = -1;
+    double rows_ms = -1;
+    sqlite3* connection = nullptr;
+    if (sqlite3_open(db.c_str(), &connection) != SQLITE_OK || sqlite3_busy_timeout(connection, 10000) != SQLITE_OK) {
+        std::printf("error: cannot open %s\n", db.c_str());
+        status = 1;
+    } else {
+        const Clock::time_point until = Clock::now() + std::chrono::seconds(10);
+        for (;;) {
+            rows = CountRows(connection, tag);
+            if (rows == wanted) {
+                rows_ms = Micros(released, Clock::now()) / 1000;
+                break;
+            }
+            if (Clock::now() + std::chrono::milliseconds(100) > until)
+                break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    }
+    sqlite3_close(connection);
+
+    url_downloader_deregister(a);
+    url_downloader_deregister(b);
+    url_downloader_finalize();
+    std::printf("cache-lock hold_s=%zu downloads=%zu delivered=%zu failed=%zu slowest_ms=%.1f median_ms=%.1f "
+                "cancel_all_ms=%.1f rows=%ld rows_ms_after_release=%.0f\n",
+                hold_s, a_requests.size(), delivered, failed, slowest, median, cancel_ms, rows, rows_ms);
+    return status;
+}
+
 size_t Count(const char* text)
 {
     const long value = std::strtol(text, nullptr, 10);
@@ -322,10 +620,12 @@ int main(int argc, char** argv)
         rc = SubmitCost(argv[2], counts);
     } else if (mode == "sync-cost" && argc == 5 && Count(argv[3]) > 0) {
         rc = SyncCost(argv[2], Count(argv[3]), Count(argv[4]));
+    } else if (mode == "cache-lock" && argc == 6 && Count(argv[5]) > 0) {
+        rc = CacheLock(argv[2], argv[3], argv[4], Count(argv[5]));
     } else {
         std::fprintf(stderr,
                      "usage: url-downloader-bench cache-hit BASE_URL DIR | memory DIR COUNT | submit DIR COUNT... |"
-                     " sync-cost DIR COUNT BYTES\n");
+                     " sync-cost DIR COUNT BYTES | cache-lock BASE_URL DIR DB HOLD_S\n");
     }
     g_main_loop_unref(delivery.loop);
     return rc;
