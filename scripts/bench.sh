@@ -142,12 +142,12 @@ measure() {
     local lib="$WORK/lib" hit="" mem="" fin="" sub=""
     if want lib; then
         echo "Library figures..." >&2
-        rm -rf "${db:?}"/* "$lib" && mkdir -p "$lib"
+        find "${db:?}" -mindepth 1 -delete && rm -rf "$lib" && mkdir -p "$lib"
         hit=$("$TOOL" cache-hit "http://127.0.0.1:$HTTP_PORT/small" "$lib" 2>/dev/null) || die "cache-hit: $hit"
-        rm -rf "${db:?}"/* "$lib" && mkdir -p "$lib"
+        find "${db:?}" -mindepth 1 -delete && rm -rf "$lib" && mkdir -p "$lib"
         mem=$("$TOOL" memory "$lib" 10000 2>/dev/null) || die "memory: $mem"
         fin=$(grep '^finalize' <<<"$mem")
-        rm -rf "${db:?}"/* "$lib" && mkdir -p "$lib"
+        find "${db:?}" -mindepth 1 -delete && rm -rf "$lib" && mkdir -p "$lib"
         sub=$("$TOOL" submit "$lib" 1000 2000 4000 8000 2>/dev/null) || die "submit: $sub"
         rm -rf "$lib"
     fi
