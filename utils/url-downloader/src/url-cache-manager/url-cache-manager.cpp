@@ -1,5 +1,6 @@
 #include "url-cache-manager.h"
 
+#include <atomic>
 #include <new>
 #include <mutex>
 #include <stdio.h>
@@ -41,10 +42,12 @@ thread_local bool budget_spent = false;
 /* Set while the thread holds cache_db_lock for a write batch. */
 thread_local bool batch_held = false;
 
-/* What the process learnt about the file; cache_db_lock held. */
-bool lock_episode = false;  /* another process held the lock for a whole busy wait */
-bool no_access = false;     /* the file may not be opened for writing by this process */
-bool never_wait = false;    /* set around a statement that must not wait */
+/* What the process learnt about the file; written under cache_db_lock. The
+ * two flags are also read without it (url_cache_db_current_state), so that
+ * the processing thread's look before every command takes no lock. */
+std::atomic<bool> lock_episode{false}; /* another process held the lock for a whole busy wait */
+std::atomic<bool> no_access{false};    /* the file may not be opened for writing by this process */
+bool never_wait = false;               /* set around a statement that must not wait */
 int64_t next_open_try_ms = 0;
 
 void start_lock_episode()
@@ -185,7 +188,8 @@ void recover_if_corrupt()
     open_locked();
 }
 
-url_cache_db_state state_locked()
+/* Safe without cache_db_lock too: the flags are atomic. */
+url_cache_db_state current_state()
 {
     if (no_access)
         return URL_CACHE_DB_OFF;
@@ -238,14 +242,10 @@ url_cache_db_state url_cache_db_open_state(void)
 {
     CacheDbSession session;
     open_locked();
-    return state_locked();
+    return current_state();
 }
 
-url_cache_db_state url_cache_db_current_state(void)
-{
-    CacheDbSession session;
-    return state_locked();
-}
+url_cache_db_state url_cache_db_current_state(void) { return current_state(); }
 
 CacheDbWriteBatch::CacheDbWriteBatch()
 {

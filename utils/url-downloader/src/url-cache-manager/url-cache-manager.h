@@ -52,7 +52,8 @@ typedef enum {
 /* The database's state for this process; opens it first when that was not
  * tried yet (which may wait one busy timeout). */
 url_cache_db_state url_cache_db_open_state(void);
-/* The state without opening: URL_CACHE_DB_READY also when never opened. */
+/* The state without opening and without waiting for cache_db_lock:
+ * URL_CACHE_DB_READY also when never opened. */
 url_cache_db_state url_cache_db_current_state(void);
 
 /* One write transaction of this process, begun without waiting: Began() is

@@ -22,6 +22,9 @@
 #define UD_BEGIN() UD_DEBUG(">>>>>>>>Begin.")
 #define UD_END() UD_DEBUG("End.<<<<<<<<<<")
 
+/* A string for a "%s" that may be NULL. */
+static inline const char* ud_printable(const char* text) { return text != NULL ? text : "(null)"; }
+
 /* Running out of memory for a record is fatal: the assertion names the variable. */
 #define UD_ASSERT_ALLOC(ptr) ud_assert_alloc((ptr) != NULL, #ptr, __FILE__, __LINE__, __FUNCTION__)
 

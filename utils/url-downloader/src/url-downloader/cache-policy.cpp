@@ -12,8 +12,6 @@
 
 namespace {
 
-const char* printable(const char* text) { return text != NULL ? text : "(null)"; }
-
 /* Zero-filled copy of src in a buffer of strlen + 1 bytes. Returns false,
  * leaving *copy untouched, when that buffer would exceed the bounded-copy
  * limit; otherwise stores the buffer (NULL when out of memory) in *copy. */
@@ -58,7 +56,7 @@ bool admissible(const url_downloader_cache* record)
     long long length = -1;
     if (record->filepath == NULL || check_file(record->filepath, &length) != FILE_SERVABLE ||
         length != (long long)record->filesize) {
-        UD_ERROR("Not added to cache: %s is not the downloaded file any more", printable(record->filepath));
+        UD_ERROR("Not added to cache: %s is not the downloaded file any more", ud_printable(record->filepath));
         return false;
     }
     return true;
@@ -264,20 +262,11 @@ bool url_downloader_add_cache(url_downloader_cache* cache, url_downloader_error*
 
 void _url_downloader_admit_download(url_downloader_cache* record)
 {
-    switch (url_cache_db_open_state()) {
-    case URL_CACHE_DB_OFF:
-        return;
-    case URL_CACHE_DB_LOCKED:
-        if (admissible(record))
-            hold_admission(record);
-        return;
-    case URL_CACHE_DB_READY:
-        break;
-    }
-    if (!admissible(record))
+    const url_cache_db_state state = url_cache_db_open_state();
+    if (state == URL_CACHE_DB_OFF || !admissible(record))
         return;
     CacheDbWaitBudget budget; // one admission: at most one wait for a peer's lock
-    if (!admit_now(record))
+    if (state == URL_CACHE_DB_LOCKED || !admit_now(record))
         hold_admission(record);
 }
 

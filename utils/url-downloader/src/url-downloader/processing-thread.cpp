@@ -13,8 +13,6 @@
 
 namespace {
 
-const char* printable(const char* text) { return text != NULL ? text : "(null)"; }
-
 long handle_number(const void* handle) { return (long)(intptr_t)handle; }
 
 void _url_downloader_execute_download_request(url_downloader_api_h api, url_downloader_error* error)
@@ -92,8 +90,8 @@ void _url_downloader_process_download_response(url_downloader_api_h api, url_dow
             UD_DEBUG("Adding to cache \n[ URL=%s,\n filesize=%" PRId64 ",\n appid=%s,\n downloadtime=%" PRId64
                      ",\n expirytime=%" PRId64 ", "
                      "filepath=%s]\n",
-                     printable(record.url), record.filesize, printable(record.appname), record.downloadtime,
-                     record.expirytime, printable(record.filepath));
+                     ud_printable(record.url), record.filesize, ud_printable(record.appname), record.downloadtime,
+                     record.expirytime, ud_printable(record.filepath));
             _url_downloader_admit_download(&record);
         }
     }

@@ -82,8 +82,6 @@ std::condition_variable delivery_done;
 GArray* running = NULL;
 
 long number(const void* handle) { return (long)(intptr_t)handle; }
-const char* printable(const char* text) { return text != NULL ? text : "(null)"; }
-
 bool list_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error)
 {
     return _url_downloader_list_mutex_operation(operation, error);
@@ -458,7 +456,7 @@ void _url_downloader_sweep(url_downloader_h service, bool withRegistration, bool
         }
         if (entry->api == NULL) {
             url_downloader_h gone = entry->service;
-            UD_DEBUG_AS(func, "Service registration entry for %s app removed from list", printable(gone->appName));
+            UD_DEBUG_AS(func, "Service registration entry for %s app removed from list", ud_printable(gone->appName));
             g_hash_table_remove(services, gone);
             unlink_node_locked(node);
             retire_service_locked(gone);
