@@ -1,11 +1,14 @@
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdio_ext.h>
 #include <stdlib.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <vector>
 
+#include "regular-file.h"
 #include "url-downloader-curl.h"
 #include "url-downloader-internal.h"
 
@@ -54,6 +57,21 @@ void flush_body(url_downloader_curl_pvt_data* record)
     // A failed write shows again at the close, which fails the transfer.
     fflush(record->fileHandle);
     set_buffered(record, 0);
+}
+
+/* The destination as a stream: only a regular file, created or truncated (or
+ * appended to when reopened). This runs on the transfer thread under the curl
+ * lock, so it must never block: a FIFO, a device, a folder or a /proc entry
+ * fails this transfer at once and holds up no other. */
+FILE* open_destination(const char* path, bool append)
+{
+    const int fd = ud_open_regular_file(path, O_WRONLY | O_CREAT | (append ? O_APPEND : O_TRUNC), 0666, NULL);
+    if (fd < 0)
+        return NULL;
+    FILE* stream = fdopen(fd, append ? "ab" : "wb");
+    if (stream == NULL)
+        close(fd);
+    return stream;
 }
 
 void buffer_large_body(url_downloader_curl_pvt_data* record)
@@ -106,7 +124,7 @@ size_t url_downloader_body_parser(void* data, size_t size, size_t nmemb, void* u
     }
     url_downloader_curl_pvt_data* record = (url_downloader_curl_pvt_data*)user_data;
 
-    // Opened on the first chunk only, so an empty body creates no file; "wb"
+    // Opened on the first chunk only, so an empty body creates no file; it
     // truncates whatever was there before. A file closed early is reopened.
     if (record->fileHandle == NULL) {
         if (record->filePath == NULL) {
@@ -115,7 +133,7 @@ size_t url_downloader_body_parser(void* data, size_t size, size_t nmemb, void* u
         }
         if (open_bodies.size() >= URL_DOWNLOADER_MAX_CONNECTIONS)
             _url_downloader_close_file(open_bodies.front());
-        record->fileHandle = fopen(record->filePath, record->fileSize > 0 ? "ab" : "wb");
+        record->fileHandle = open_destination(record->filePath, record->fileSize > 0);
         if (record->fileHandle == NULL) {
             UD_ERROR("Failed to write data to:%s\n", record->filePath);
             return 0;
