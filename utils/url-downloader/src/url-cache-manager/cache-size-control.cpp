@@ -78,11 +78,12 @@ int64_t URLCacheManager::cleanUrlCache()
 
     int step = in_transaction ? url_cache_db_note(sqlite3_step(stmt)) : SQLITE_DONE;
     while (step == SQLITE_ROW) {
-        scratch->id = sqlite3_column_int(stmt, 0);
+        scratch->id = sqlite3_column_int64(stmt, 0);
         scratch->expirytime = sqlite3_column_int64(stmt, 5);
         scratch->filesize = sqlite3_column_int64(stmt, 3);
 
-        char* deletion = sqlite3_mprintf("delete from %s where id=%d", URL_CACHE_TABLE_NAME, scratch->id);
+        char* deletion = sqlite3_mprintf("delete from %s where id=%lld", URL_CACHE_TABLE_NAME,
+                                         (long long)scratch->id);
         if (deletion == NULL) {
             UD_ERROR("sqlite3_mprintf returned NULL, so returning!");
             ok = false;

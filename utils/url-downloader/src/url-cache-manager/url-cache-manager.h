@@ -15,7 +15,9 @@
 
 /* Plain record from which an admission builds a UrlCache; owns nothing. */
 typedef struct _url_downloader_cache {
-    int id;
+    /* Row ids are 64-bit in SQLite: read as int, an id past 2^31 would name
+     * another row. */
+    int64_t id;
     char* url;
     char* filepath;
     /* 64-bit everywhere: sizes and their sums pass 2 GiB, and times pass
@@ -84,7 +86,7 @@ public:
     UrlCache& operator=(const UrlCache& other);
     ~UrlCache();
 
-    int id;
+    int64_t id;
     char* url;
     char* filepath;
     int64_t filesize;
@@ -100,10 +102,10 @@ public:
 
     bool addUrlCache(UrlCache& cache);
     bool updateUrlCache(UrlCache& cache);
-    bool deleteUrlCache(int id);
+    bool deleteUrlCache(int64_t id);
     bool deleteUrlCache(char* appName);
     UrlCache* findUrlCache(char* url);
-    UrlCache* getUrlCache(int id);
+    UrlCache* getUrlCache(int64_t id);
     int64_t getUrlCacheSize();
     int64_t cleanUrlCache();
 
