@@ -1,5 +1,7 @@
 #include "cache-policy.h"
 
+#include "regular-file.h"
+
 #include <deque>
 #include <inttypes.h>
 #include <stdio.h>
@@ -31,22 +33,19 @@ bool bounded_copy(const char* src, char** copy)
 enum FileCheck { FILE_SERVABLE, FILE_MISSING, FILE_WRITABLE_BY_ANY_USER };
 
 /* Looks at the file at path. Any process in the cache's group can write
- * rows, so the path may name a FIFO, a device or a folder: it is opened
- * without blocking and only a regular file counts. One that any user may
- * rewrite could hand every app of the device someone else's content. */
+ * rows, so the path may name a FIFO, a device, a folder or a symlink to one:
+ * only a regular file is ever opened (a final symlink is not followed), and
+ * never in a way that blocks. One that any user may rewrite could hand every
+ * app of the device someone else's content. */
 FileCheck check_file(const char* path, long long* length)
 {
-    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    struct stat info;
+    int fd = ud_open_regular_file(path, O_RDONLY | O_NOFOLLOW, 0, &info);
     if (fd < 0)
         return FILE_MISSING;
-    struct stat info;
-    FileCheck check = FILE_MISSING;
-    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-        check = (info.st_mode & S_IWOTH) != 0 ? FILE_WRITABLE_BY_ANY_USER : FILE_SERVABLE;
-        *length = (long long)info.st_size;
-    }
     close(fd);
-    return check;
+    *length = (long long)info.st_size;
+    return (info.st_mode & S_IWOTH) != 0 ? FILE_WRITABLE_BY_ANY_USER : FILE_SERVABLE;
 }
 
 /* Whether a finished download may enter the cache: its file is still a
@@ -56,7 +55,8 @@ bool admissible(const url_downloader_cache* record)
     long long length = -1;
     if (record->filepath == NULL || check_file(record->filepath, &length) != FILE_SERVABLE ||
         length != (long long)record->filesize) {
-        UD_ERROR("Not added to cache: %s is not the downloaded file any more", ud_printable(record->filepath));
+        UD_ERROR("Not added to cache: %s is not a regular file of the downloaded size that only its users may write",
+                 ud_printable(record->filepath));
         return false;
     }
     return true;
@@ -140,7 +140,7 @@ char* url_downloader_get_cache_filepath(url_downloader_cache* cache)
             /* Fresh strictly before the expiry time. */
             fresh = entry->expirytime > (int64_t)now;
             if (!fresh)
-                UD_ERROR("But expired Id=[%d]\n", entry->id);
+                UD_ERROR("But expired Id=[%" PRId64 "]\n", entry->id);
         }
     }
 
