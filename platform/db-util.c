@@ -146,7 +146,8 @@ static gid_t folder_group(const char* path)
 }
 
 /* Takes world write access away from a database file or side file that an
- * older version made open to all; only its owner (or root) can. */
+ * older version made open to all; only its owner (or root) can. A symlink
+ * there is left alone: it is never followed. */
 static void close_to_other_users(const char* path, const char* suffix)
 {
     size_t size = strlen(path) + strlen(suffix) + 1;
@@ -154,10 +155,13 @@ static void close_to_other_users(const char* path, const char* suffix)
     if (name == NULL)
         return;
     snprintf(name, size, "%s%s", path, suffix);
+    int fd = open(name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     struct stat info;
-    if (lstat(name, &info) == 0 && S_ISREG(info.st_mode) && (info.st_mode & S_IWOTH) != 0 &&
+    if (fd >= 0 && fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && (info.st_mode & S_IWOTH) != 0 &&
         (info.st_uid == geteuid() || geteuid() == 0))
-        chmod(name, info.st_mode & 07775);
+        fchmod(fd, info.st_mode & 07775);
+    if (fd >= 0)
+        close(fd);
     free(name);
 }
 
@@ -166,7 +170,7 @@ static int open_once(const char* path, sqlite3** handle)
     /* Made here, not by SQLite, so that its mode and group are the shared
      * ones: the folder's group even where the folder is not setgid (which
      * the process can only give when it is in that group, or root). */
-    int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, DB_UTIL_FILE_MODE);
+    int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, DB_UTIL_FILE_MODE);
     if (fd >= 0) {
         gid_t group = folder_group(path);
         if (group != (gid_t)-1 && fchown(fd, (uid_t)-1, group) != 0) {
@@ -179,8 +183,14 @@ static int open_once(const char* path, sqlite3** handle)
     close_to_other_users(path, "-wal");
     close_to_other_users(path, "-shm");
 
+    /* A symlink at the path is refused, not followed: whoever may write the
+     * folder could otherwise make a privileged process create or overwrite
+     * a file of their choosing. (SQLite opens its -wal and -shm files without
+     * following a symlink in any case.) */
     sqlite3* db = NULL;
-    int rc = sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, NULL);
+    int rc = sqlite3_open_v2(path, &db,
+                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX | SQLITE_OPEN_NOFOLLOW,
+                             NULL);
     if (rc == SQLITE_OK)
         rc = sqlite3_busy_timeout(db, DB_UTIL_BUSY_TIMEOUT_MS);
     const long long deadline_ms = monotonic_ms() + DB_UTIL_BUSY_TIMEOUT_MS;

@@ -94,9 +94,12 @@ bool is_code(int rc, int code) { return (rc & 0xff) == code; }
  * process has already made a new database once; cache_db_lock held. */
 bool corrupt_seen = false;
 bool recovered = false;
-/* The file the connection opened, to tell whether another process has
- * already replaced a corrupt one. */
+/* The file the connection opened, to tell whether it is still the one at the
+ * database's path. */
+dev_t opened_device = 0;
 ino_t opened_inode = 0;
+
+bool is_opened_file(const struct stat& info) { return info.st_dev == opened_device && info.st_ino == opened_inode; }
 
 /* Opens the database and makes the table; cache_db_lock held. A database
  * that could not be opened for a passing reason is tried again by the next
@@ -133,7 +136,10 @@ bool open_locked()
     cache_db_handle = handle;
     struct stat info;
     const char* file = sqlite3_db_filename(handle, "main");
-    opened_inode = file != NULL && stat(file, &info) == 0 ? info.st_ino : 0;
+    if (file == NULL || lstat(file, &info) != 0)
+        memset(&info, 0, sizeof info);
+    opened_device = info.st_dev;
+    opened_inode = info.st_ino;
 
     char query[URL_CACHE_QUERY_SIZE];
     snprintf(query, sizeof(query), URL_CACHE_CREATE_TABLE_FORMAT, URL_CACHE_TABLE_NAME);
@@ -165,7 +171,7 @@ void recover_if_corrupt()
     sqlite3_close_v2(cache_db_handle);
     cache_db_handle = NULL;
     struct stat info;
-    if (path != NULL && stat(path, &info) == 0 && info.st_ino == opened_inode) {
+    if (path != NULL && lstat(path, &info) == 0 && is_opened_file(info)) {
         /* Still the file this process found corrupt: nobody replaced it yet. */
         size_t size = strlen(path) + sizeof ".corrupt-wal";
         char* from = (char*)malloc(size);
@@ -185,6 +191,24 @@ void recover_if_corrupt()
         free(aside);
     }
     free(path);
+    open_locked();
+}
+
+/* A database file deleted or replaced under the process (by hand, by a peer
+ * that moved a corrupt one aside) would otherwise keep the process on a file
+ * that no other process sees. Costs one lstat per lookup, admission or write
+ * batch, not one per statement; cache_db_lock held, outside a transaction. */
+void reopen_if_replaced()
+{
+    if (cache_db_handle == NULL || sqlite3_get_autocommit(cache_db_handle) == 0)
+        return;
+    const char* file = sqlite3_db_filename(cache_db_handle, "main");
+    struct stat info;
+    if (file == NULL || file[0] == '\0' || (lstat(file, &info) == 0 && is_opened_file(info)))
+        return;
+    UD_ERROR_AS("url_cache_db", "Cache database %s was replaced or deleted while in use: it is opened afresh", file);
+    sqlite3_close_v2(cache_db_handle);
+    cache_db_handle = NULL;
     open_locked();
 }
 
@@ -241,6 +265,7 @@ void url_cache_db_close(void)
 url_cache_db_state url_cache_db_open_state(void)
 {
     CacheDbSession session;
+    reopen_if_replaced();
     open_locked();
     return current_state();
 }
@@ -264,6 +289,7 @@ CacheDbWriteBatch::CacheDbWriteBatch()
             return;
         }
     }
+    reopen_if_replaced();
     char* errmsg = NULL;
     never_wait = true;
     int ret = url_cache_db_exec("BEGIN IMMEDIATE", &errmsg);
@@ -405,7 +431,7 @@ UrlCache* read_one_row(const char* func, UrlCache* record, char* query)
         UD_DEBUG_AS(func, "End.<<<<<<<<<<");
         return NULL;
     }
-    record->id = sqlite3_column_int(stmt, 0);
+    record->id = sqlite3_column_int64(stmt, 0);
     record->url = column_text_copy(stmt, 1);
     record->filepath = column_text_copy(stmt, 2);
     record->filesize = sqlite3_column_int64(stmt, 3);
@@ -454,17 +480,17 @@ bool URLCacheManager::updateUrlCache(UrlCache& cache)
 {
     UD_BEGIN();
     char* query = sqlite3_mprintf(
-        "update %s set url=%Q, filepath=%Q, filesize=%lld, downloadtime=%lld, expirytime=%lld, appname=%Q where id=%d",
+        "update %s set url=%Q, filepath=%Q, filesize=%lld, downloadtime=%lld, expirytime=%lld, appname=%Q where id=%lld",
         URL_CACHE_TABLE_NAME, cache.url, cache.filepath, (long long)cache.filesize, (long long)cache.downloadtime,
         (long long)cache.expirytime,
-        cache.appname, cache.id);
+        cache.appname, (long long)cache.id);
     return execute_modification(__FUNCTION__, query, false);
 }
 
-bool URLCacheManager::deleteUrlCache(int id)
+bool URLCacheManager::deleteUrlCache(int64_t id)
 {
     UD_BEGIN();
-    char* query = sqlite3_mprintf("delete from %s where id=%d", URL_CACHE_TABLE_NAME, id);
+    char* query = sqlite3_mprintf("delete from %s where id=%lld", URL_CACHE_TABLE_NAME, (long long)id);
     return execute_modification(__FUNCTION__, query, true);
 }
 
@@ -490,9 +516,9 @@ UrlCache* URLCacheManager::findUrlCache(char* url)
     return read_one_row(__FUNCTION__, record, sqlite3_mprintf("select * from %s where url=%Q", URL_CACHE_TABLE_NAME, url));
 }
 
-UrlCache* URLCacheManager::getUrlCache(int id)
+UrlCache* URLCacheManager::getUrlCache(int64_t id)
 {
     UD_BEGIN();
     UrlCache* record = new UrlCache();
-    return read_one_row(__FUNCTION__, record, sqlite3_mprintf("select * from %s where id=%d", URL_CACHE_TABLE_NAME, id));
+    return read_one_row(__FUNCTION__, record, sqlite3_mprintf("select * from %s where id=%lld", URL_CACHE_TABLE_NAME, (long long)id));
 }
