@@ -121,8 +121,34 @@ void unlist_locked(Held* held)
     held->node = NULL;
 }
 
+// A request record with what only the ledger needs. Its destination is the
+// absolute path that a relative one named when the download was asked for:
+// the transfer and the shared cache use that, since the process's working
+// folder may change meanwhile and means nothing to other processes; the
+// callback still gets the client's own text.
+struct RequestRecord {
+    url_downloader_api_t api; // first: the handle is its address
+    char* asked;              // the client's relative path, else NULL
+    char* absolute;           // what it named, else NULL
+};
+
+RequestRecord* record_of(url_downloader_api_h api) { return reinterpret_cast<RequestRecord*>(api); }
+
+// The path the client callback gets: the client's text while the request
+// still names the file it asked for.
+void* delivered_path(url_downloader_api_h api)
+{
+    const RequestRecord* record = record_of(api);
+    if (record->asked != NULL && api->filePath != NULL && strcmp(api->filePath, record->absolute) == 0)
+        return record->asked;
+    return api->filePath;
+}
+
 void free_api(url_downloader_api_t* api)
 {
+    RequestRecord* record = record_of(api);
+    g_free(record->asked);
+    g_free(record->absolute);
     free(api->filePath);
     api->filePath = NULL;
     free(api->url);
@@ -307,9 +333,17 @@ void _url_downloader_discard_service(url_downloader_h service)
 url_downloader_api_h _url_downloader_new_request(url_downloader_h service, const char* filePath, const char* url,
                                                  bool useCache, const void* userData)
 {
-    url_downloader_api_t* api = (url_downloader_api_t*)calloc(1, sizeof(url_downloader_api_t));
-    UD_ASSERT_ALLOC(api);
+    RequestRecord* record = (RequestRecord*)calloc(1, sizeof(RequestRecord));
+    UD_ASSERT_ALLOC(record);
+    url_downloader_api_t* api = &record->api;
     api->service = service;
+    if (!g_path_is_absolute(filePath)) {
+        gchar* here = g_get_current_dir();
+        record->asked = g_strdup(filePath);
+        record->absolute = g_build_filename(here, filePath, NULL);
+        g_free(here);
+        filePath = record->absolute;
+    }
     api->filePath = strdup(filePath);
     api->url = strdup(url);
     api->useCache = useCache;
@@ -523,7 +557,7 @@ bool _url_downloader_begin_delivery(url_downloader_api_h api, url_downloader_del
         return false;
     }
     held->delivering = true;
-    *out = {callback, api->service, api->filePath, (void*)api->userData, api->error};
+    *out = {callback, api->service, delivered_path(api), (void*)api->userData, api->error};
     std::lock_guard<std::mutex> guard(delivery_lock);
     if (running == NULL)
         running = g_array_new(FALSE, FALSE, sizeof(Running));
