@@ -21,6 +21,7 @@
 
 static pthread_once_t settings_once = PTHREAD_ONCE_INIT;
 static int stderr_wanted;
+static int debug_to_syslog;
 static atomic_int syslog_listens = -1; /* -1: not probed yet */
 static atomic_llong syslog_next_probe;
 
@@ -35,10 +36,16 @@ static int syslog_level(int priority)
     return LOG_DEBUG;
 }
 
+static int setting(const char* name)
+{
+    const char* v = getenv(name);
+    return v != NULL && v[0] != '\0' && strcmp(v, "0") != 0;
+}
+
 static void read_settings(void)
 {
-    const char* v = getenv("VELMORA_LOG_STDERR");
-    stderr_wanted = v != NULL && v[0] != '\0' && strcmp(v, "0") != 0;
+    stderr_wanted = setting("VELMORA_LOG_STDERR");
+    debug_to_syslog = setting("VELMORA_LOG_DEBUG");
 }
 
 static long long monotonic_seconds(void)
@@ -85,7 +92,9 @@ int __dlog_print(int priority, const char* tag, const char* format, ...)
     if (format == NULL)
         return -1;
     pthread_once(&settings_once, read_settings);
-    int to_syslog = syslog_available();
+    /* A download writes some fifty debug lines: the system log, shared by the
+     * whole device, gets them only when asked for. */
+    int to_syslog = (priority > DLOG_PRIORITY_DEBUG || debug_to_syslog) && syslog_available();
     char line[1024];
     va_list ap;
     va_start(ap, format);

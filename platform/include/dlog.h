@@ -17,10 +17,12 @@ enum {
 /*
  * Formats one line and sends it to the system log (syslog) under the tag, at
  * a level derived from the priority, when a system log listens (probed at the
- * first line and again every few seconds while none does). When the
- * environment variable VELMORA_LOG_STDERR is set to a non-empty value other
- * than "0" at the process's first line, every line is also printed to
- * standard error as "<P>/<tag>: <text>".
+ * first line and again every few seconds while none does). Debug lines
+ * (priority 4 and below) go there only when the environment variable
+ * VELMORA_LOG_DEBUG is set; warnings and errors always. When
+ * VELMORA_LOG_STDERR is set, every line, debug included, is also printed to
+ * standard error as "<P>/<tag>: <text>". Both settings count when set to a
+ * non-empty value other than "0" at the process's first line.
  * Returns the number of characters formatted, or a negative value on error.
  */
 __attribute__((visibility("default"), format(printf, 3, 4)))

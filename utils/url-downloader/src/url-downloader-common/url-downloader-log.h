@@ -3,18 +3,30 @@
 #ifndef URL_DOWNLOADER_LOG_H
 #define URL_DOWNLOADER_LOG_H
 
+#include <stddef.h>
+
 #include "dlog.h"
 
 #define UD_LOG_TAG "URL-Downloader"
 #define UD_LOG_PRIORITY_DEBUG 4
 #define UD_LOG_PRIORITY_ERROR 6
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+/* Formats one line and hands it to the platform log under the library's tag,
+ * with the password of any "user:password@" in it masked as "***". */
+void ud_log_print(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+#ifdef __cplusplus
+}
+#endif
+
 /* Logs under an explicit function name (for lines that belong to a step
  * folded into another function). */
 #define UD_DEBUG_AS(func, fmt, ...) \
-    __dlog_print(UD_LOG_PRIORITY_DEBUG, UD_LOG_TAG, "[UD_DEBUG]: [%s () Line %d]: " fmt, func, __LINE__, ##__VA_ARGS__)
+    ud_log_print(UD_LOG_PRIORITY_DEBUG, "[UD_DEBUG]: [%s () Line %d]: " fmt, func, __LINE__, ##__VA_ARGS__)
 #define UD_ERROR_AS(func, fmt, ...) \
-    __dlog_print(UD_LOG_PRIORITY_ERROR, UD_LOG_TAG, "[UD_ERROR]: [%s () Line %d] : " fmt, func, __LINE__, ##__VA_ARGS__)
+    ud_log_print(UD_LOG_PRIORITY_ERROR, "[UD_ERROR]: [%s () Line %d] : " fmt, func, __LINE__, ##__VA_ARGS__)
 
 #define UD_DEBUG(fmt, ...) UD_DEBUG_AS(__FUNCTION__, fmt, ##__VA_ARGS__)
 #define UD_ERROR(fmt, ...) UD_ERROR_AS(__FUNCTION__, fmt, ##__VA_ARGS__)
