@@ -28,8 +28,9 @@
  * message still names the old one.
  *
  * A service record is freed when its registration entry leaves the list; its
- * memory is kept as a zeroed tombstone (a few bytes per registration), so a
- * stale service handle can never name a later service. */
+ * memory is kept as a zeroed tombstone, and handed to a new service only
+ * after a thousand later deregistrations, so a stale service handle names no
+ * later service meanwhile while the tombstones stay bounded. */
 #include "request-ledger.h"
 
 #include <stdint.h>
@@ -42,8 +43,10 @@
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
 #define UD_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
+#define UD_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
 #else
 #define UD_POISON(p, n) ((void)(p), (void)(n))
+#define UD_UNPOISON(p, n) ((void)(p), (void)(n))
 #endif
 
 #include "url-downloader-internal.h"
@@ -70,7 +73,9 @@ struct Held {
 
 GHashTable* requests = NULL; // url_downloader_api_h -> Held*
 GHashTable* services = NULL; // url_downloader_h -> its registration entry's node
-GPtrArray* retired_services = NULL;
+// Tombstones of deregistered services, oldest first.
+GQueue retired_services = G_QUEUE_INIT;
+const guint kRetiredKept = 1024;
 
 // The client callbacks running now, by service and thread.
 struct Running {
@@ -183,9 +188,7 @@ void retire_service_locked(url_downloader_h service)
 {
     free_service_fields(service);
     service->callback = NULL;
-    if (retired_services == NULL)
-        retired_services = g_ptr_array_new();
-    g_ptr_array_add(retired_services, service);
+    g_queue_push_tail(&retired_services, service);
     UD_POISON(service, sizeof *service);
 }
 
@@ -307,9 +310,25 @@ bool _url_downloader_validate_api_handle(url_downloader_api_h api)
     return found;
 }
 
+namespace {
+// The oldest tombstone, zeroed, once more than kRetiredKept are kept; else NULL.
+url_downloader_service_t* reuse_tombstone()
+{
+    UdScopedLock lock(list_operation);
+    if (!lock.Held() || retired_services.length <= kRetiredKept)
+        return NULL;
+    url_downloader_service_t* service = (url_downloader_service_t*)g_queue_pop_head(&retired_services);
+    UD_UNPOISON(service, sizeof *service);
+    memset(service, 0, sizeof *service);
+    return service;
+}
+} // namespace
+
 url_downloader_h _url_downloader_new_service(const char* appName, url_downloader_callback_t callback, const char* proxy)
 {
-    url_downloader_service_t* temp_service = (url_downloader_service_t*)calloc(1, sizeof(url_downloader_service_t));
+    url_downloader_service_t* temp_service = reuse_tombstone();
+    if (temp_service == NULL)
+        temp_service = (url_downloader_service_t*)calloc(1, sizeof(url_downloader_service_t));
     UD_ASSERT_ALLOC(temp_service);
     if (appName != NULL)
         temp_service->appName = strdup(appName);
