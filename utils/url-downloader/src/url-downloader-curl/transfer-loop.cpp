@@ -194,5 +194,6 @@ void* url_downloader_download_loop(void* arg)
         curl_multi_cleanup(multi);
     }
     UD_END();
+    _url_downloader_mark_transfer_loop_ended();
     return NULL;
 }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <initializer_list>
 
 #include "url-downloader-curl.h"
 #include "url-downloader-internal.h"
@@ -37,6 +38,8 @@ const long kMaxIdleConnections = 16;
 // time-out. Separate from the download pipe, which the loop reads only while
 // no transfer runs.
 std::atomic<int> loop_wakeup_fd{-1};
+// Signalled by the transfer thread as its last act.
+std::atomic<int> loop_ended_fd{-1};
 
 // Wake-ups owed to the loop. Each wake-up makes the loop perform, and a
 // perform walks every queued transfer, so a burst of additions or
@@ -49,9 +52,11 @@ const int kWakeupBatch = 64;
 void close_loop_wakeup()
 {
     wakeups_owed = 0;
-    int fd = loop_wakeup_fd.exchange(-1);
-    if (fd >= 0)
-        close(fd);
+    for (std::atomic<int>* owned : {&loop_wakeup_fd, &loop_ended_fd}) {
+        int fd = owned->exchange(-1);
+        if (fd >= 0)
+            close(fd);
+    }
 }
 
 void apply_connection_policy(CURLM* multi)
@@ -143,9 +148,11 @@ bool UrlDownloader::DownloaderInit()
     bool piped = pipe2(downloadPipe, O_CLOEXEC) == 0;
     if (!piped)
         downloadPipe[0] = downloadPipe[1] = -1;
-    if (piped)
+    if (piped) {
         loop_wakeup_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (!piped || fcntl(downloadPipe[1], F_SETFL, O_NONBLOCK) != 0 || loop_wakeup_fd < 0) {
+        loop_ended_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    }
+    if (!piped || fcntl(downloadPipe[1], F_SETFL, O_NONBLOCK) != 0 || loop_wakeup_fd < 0 || loop_ended_fd < 0) {
         perror("pipeerror: \n");
         UD_ERROR("Download PIPE creation failed");
         close_download_pipe();
@@ -245,6 +252,18 @@ void _url_downloader_pay_transfer_loop_wakeups(void)
     int fd = loop_wakeup_fd.load();
     if (fd >= 0 && eventfd_write(fd, 1) != 0 && errno != EAGAIN)
         UD_ERROR("Transfer loop wake-up failed, errno=[%d]", errno);
+}
+
+int _url_downloader_transfer_loop_ended_fd(void)
+{
+    return loop_ended_fd.load();
+}
+
+void _url_downloader_mark_transfer_loop_ended(void)
+{
+    int fd = loop_ended_fd.load();
+    if (fd >= 0)
+        eventfd_write(fd, 1);
 }
 
 void _url_downloader_clear_transfer_loop_wakeup(void)

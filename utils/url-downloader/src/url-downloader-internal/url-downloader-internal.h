@@ -97,6 +97,12 @@ void _url_downloader_wake_transfer_loop(void);
 void _url_downloader_pay_transfer_loop_wakeups(void);
 void _url_downloader_clear_transfer_loop_wakeup(void);
 
+/* Readable once the transfer thread has done its last work (it writes no
+ * response after that), so that the processing thread can wait for its end
+ * while it drains the processing pipe; -1 when the engine is down. */
+int _url_downloader_transfer_loop_ended_fd(void);
+void _url_downloader_mark_transfer_loop_ended(void);
+
 /* Releases every record still listed (easy handle, file, path copy, record).
  * Only once the transfer thread has ended. */
 void _url_downloader_release_transactions(UrlDownloader* engine);

@@ -152,11 +152,19 @@ void _url_downloader_execute_clean_request_list(url_downloader_message_t* messag
 // requests are freed with the ledger.
 void join_transfer_thread()
 {
+    const int ended = _url_downloader_transfer_loop_ended_fd();
+    bool over = false;
     for (;;) {
-        if (pthread_tryjoin_np(UrlDownloader::CurlThread, NULL) == 0)
+        // Without the end signal (never, short of a broken engine) it looks
+        // for the thread's end between reads instead.
+        if (ended < 0 && pthread_tryjoin_np(UrlDownloader::CurlThread, NULL) == 0)
             return;
-        struct pollfd readable = {url_downloader_pipe_fd[0], POLLIN, 0};
-        if (poll(&readable, 1, 10) > 0 && (readable.revents & POLLIN) != 0) {
+        // Once the thread is over, what it wrote is read to the end.
+        struct pollfd ready[2] = {{url_downloader_pipe_fd[0], POLLIN, 0}, {ended, POLLIN, 0}};
+        const int woke = poll(ready, over || ended < 0 ? 1 : 2, over ? 0 : ended >= 0 ? -1 : 10);
+        if (!over && ended >= 0 && (ready[1].revents & POLLIN) != 0)
+            over = true;
+        if (woke > 0 && (ready[0].revents & POLLIN) != 0) {
             url_downloader_message_t message;
             memset(&message, 0, sizeof message);
             ssize_t bytes = read(url_downloader_pipe_fd[0], &message, sizeof message);
@@ -164,6 +172,8 @@ void join_transfer_thread()
                 free(message.info);
             else if (bytes < 0 && errno != EINTR)
                 break;
+        } else if (over) {
+            break;
         }
     }
     pthread_join(UrlDownloader::CurlThread, NULL);
