@@ -28,9 +28,9 @@
  * message still names the old one.
  *
  * A service record is freed when its registration entry leaves the list; its
- * memory is kept as a zeroed tombstone, and handed to a new service only
- * after a thousand later deregistrations, so a stale service handle names no
- * later service meanwhile while the tombstones stay bounded. */
+ * memory is kept as a zeroed tombstone, and a new service gets it only once
+ * a thousand later services have gone too: a stale service handle names no
+ * later service meanwhile, and the tombstones stay bounded. */
 #include "request-ledger.h"
 
 #include <stdint.h>
@@ -190,6 +190,12 @@ void retire_service_locked(url_downloader_h service)
     service->callback = NULL;
     g_queue_push_tail(&retired_services, service);
     UD_POISON(service, sizeof *service);
+    // Past twice the number kept (many services went at once), the oldest go.
+    if (retired_services.length > 2 * kRetiredKept) {
+        void* oldest = g_queue_pop_head(&retired_services);
+        UD_UNPOISON(oldest, sizeof *service);
+        free(oldest);
+    }
 }
 
 // Tears the request's transfer down when it is running; true when there was
@@ -311,7 +317,9 @@ bool _url_downloader_validate_api_handle(url_downloader_api_h api)
 }
 
 namespace {
-// The oldest tombstone, zeroed, once more than kRetiredKept are kept; else NULL.
+// The oldest tombstone, zeroed, while more than kRetiredKept are kept; else
+// NULL. Handing them out ourselves (rather than freeing them) makes sure an
+// address comes back only that much later.
 url_downloader_service_t* reuse_tombstone()
 {
     UdScopedLock lock(list_operation);
