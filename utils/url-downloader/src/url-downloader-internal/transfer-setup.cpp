@@ -96,6 +96,7 @@ bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, user_data);
     curl_easy_setopt(easy, CURLOPT_PRIVATE, user_data);
     curl_easy_setopt(easy, CURLOPT_VERBOSE, 1L);
+    curl_easy_setopt(easy, CURLOPT_DEBUGFUNCTION, url_downloader_curl_trace);
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L);
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
