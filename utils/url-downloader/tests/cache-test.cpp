@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 #include <grp.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -182,13 +183,20 @@ TEST_F(CacheTest, TrimCountsDownFromTheBudgetInExpiryOrder)
 }
 
 // A cached entry answers only while its file is there, a regular file of the
-// recorded length, unexpired; a stale row goes, the client's file stays.
+// recorded length, unexpired; a stale row goes (its own, whatever its id), the
+// client's file stays. What a row names is never opened unless it is a
+// regular file: a FIFO, a device, a folder, a symlink to any of them.
 TEST_F(CacheTest, LookupServesOnlyPresentSameLengthUnexpiredRegularFiles)
 {
     const int64_t later = time(nullptr) + 3600;
-    // Rows any process could write: a FIFO (opened for reading, it waits for a writer), a folder.
+    // Rows any process could write: a FIFO (watched: an open shows), a folder, symlinks.
     ASSERT_EQ(0, mkfifo(TempPath("fifo").c_str(), 0600));
+    const int opens = inotify_init1(IN_NONBLOCK);
+    ASSERT_GE(inotify_add_watch(opens, TempPath("fifo").c_str(), IN_OPEN), 0);
     std::filesystem::create_directory(TempPath("folder"));
+    std::ofstream(TempPath("target")) << "12345";
+    ASSERT_EQ(0, symlink(TempPath("fifo").c_str(), TempPath("link-to-fifo").c_str()));
+    ASSERT_EQ(0, symlink(TempPath("target").c_str(), TempPath("link-to-file").c_str()));
     // Files written hold 5 bytes; stale is why the row is stale, as logged (NULL: served).
     const struct { const char* url; bool written; int64_t size, expiry; const char* stale; } rows[] = {
         {"missing", false, 5, later, "downloaded file missing in file-system"},
@@ -197,14 +205,23 @@ TEST_F(CacheTest, LookupServesOnlyPresentSameLengthUnexpiredRegularFiles)
         {"", false, 5, later, "filepath is NULL"},
         {"fifo", false, 0, later, "downloaded file missing in file-system"},
         {"folder", false, 4096, later, "downloaded file missing in file-system"},
+        {"link-to-fifo", false, 0, later, "downloaded file missing in file-system"},
+        {"link-to-file", false, 5, later, "downloaded file missing in file-system"},
+        {"/dev/null", false, 0, later, "downloaded file missing in file-system"},
         {"open-to-all", true, 5, later, "downloaded file is writable by any user"}, // anyone could swap its content
         {"kept", true, 5, later, nullptr},
     };
     for (const auto& r : rows) {
         if (r.written)
             std::ofstream(TempPath(r.url)) << "12345";
-        ASSERT_TRUE(Add(r.url, *r.url != '\0' ? TempPath(r.url).c_str() : nullptr, r.size, r.expiry));
+        ASSERT_TRUE(Add(r.url, *r.url == '/' ? r.url : *r.url != '\0' ? TempPath(r.url).c_str() : nullptr, r.size,
+                        r.expiry));
     }
+    // A stale row whose id is the last row's plus 2^32: read as 32 bits, its deletion would hit "kept".
+    Peer{"insert into qeturlcache (id, url) values (" + std::to_string((INT64_C(1) << 32) + std::size(rows)) +
+         ", 'huge id')"};
+    url_downloader_cache huge{0, S("huge id"), nullptr, 0, 0, 0, nullptr};
+    EXPECT_EQ(nullptr, url_downloader_get_cache_filepath(&huge));
     ASSERT_EQ(0, chmod(TempPath("open-to-all").c_str(), 0666));
     std::ofstream(TempPath("kept")) << "abcde"; // other contents, same length: still served
     for (const auto& r : rows) {
@@ -217,6 +234,9 @@ TEST_F(CacheTest, LookupServesOnlyPresentSameLengthUnexpiredRegularFiles)
         EXPECT_STREQ(r.stale ? nullptr : TempPath(r.url).c_str(), path.get());
         EXPECT_TRUE(!r.stale || (log.ContainsText(r.stale) && log.ContainsText("Entry NOT found in cache")));
     }
+    char event[4096];
+    EXPECT_LT(read(opens, event, sizeof event), 0) << "the FIFO was opened";
+    close(opens);
     EXPECT_EQ(1, CountCacheRows());
     EXPECT_TRUE(std::filesystem::exists(TempPath("expired")));
 }
@@ -451,6 +471,34 @@ TEST_F(CacheTest, HeldAdmissionsAreBoundedAndGoInWithTheUsualChecks)
     EXPECT_EQ(n - 6, CountCacheRows("url like 'held/%'"));
     EXPECT_EQ(0, CountCacheRows("url in ('held/0', 'held/4', 'held/" + std::to_string(n - 2) + "')"));
     EXPECT_EQ(5, CountCacheRows("filesize = 1000000")) << "six old rows trimmed, the big one in";
+}
+
+// The database is never opened through a symlink at its path (whoever may write the folder could
+// aim it at any file); one replaced or deleted under the process is noticed and opened afresh.
+TEST_F(CacheTest, TheDatabaseIsNeverFollowedThroughASymlinkAndAReplacedOneIsOpenedAfresh)
+{
+    ASSERT_EQ(0, symlink(TempPath("victim").c_str(), CacheDbPath().c_str()));
+    EXPECT_EQ(URL_CACHE_DB_OFF, url_cache_db_open_state());
+    EXPECT_FALSE(FileExists(TempPath("victim")));
+    FreshCacheDb();
+    const std::string file = TempPath("file"), moved = TempPath("moved.db");
+    std::ofstream(file) << "12345";
+    LogCapture log;
+    for (const char* url : {"first", "after replacement", "after deletion"}) {
+        if (*url == 'a') { // as a peer that finds it corrupt does: file and log aside, index gone
+            ASSERT_EQ(0, rename(CacheDbPath().c_str(), moved.c_str()));
+            ASSERT_EQ(0, rename((CacheDbPath() + "-wal").c_str(), (moved + "-wal").c_str()));
+            std::remove((CacheDbPath() + "-shm").c_str());
+            if (url[6] == 'r')
+                Peer{kTable};
+        }
+        url_downloader_cache c{0, S(url), S(file.c_str()), 5, 1, 2000000000, S("t")};
+        _url_downloader_admit_download(&c);
+        EXPECT_EQ(1, CountCacheRows()) << url << " is not the one row of the file at the path";
+        EXPECT_EQ(1, CountCacheRows("url='" + std::string(url) + "'")) << url;
+    }
+    EXPECT_EQ(2u, log.Count(kError, "url_cache_db", "Cache database " + CacheDbPath() +
+                                                        " was replaced or deleted while in use: it is opened afresh"));
 }
 
 // A database found corrupt, on opening or by a later statement, is moved aside once and made anew.
