@@ -139,7 +139,7 @@ measure() {
     rm -rf "$out"
 
     # The library figures, each in a fresh process with an empty cache.
-    local lib="$WORK/lib" hit="" mem="" fin="" sub=""
+    local lib="$WORK/lib" hit="" mem="" fin="" sub="" svc=""
     if want lib; then
         echo "Library figures..." >&2
         find "${db:?}" -mindepth 1 -delete && rm -rf "$lib" && mkdir -p "$lib"
@@ -149,6 +149,7 @@ measure() {
         fin=$(grep '^finalize' <<<"$mem")
         find "${db:?}" -mindepth 1 -delete && rm -rf "$lib" && mkdir -p "$lib"
         sub=$("$TOOL" submit "$lib" 1000 2000 4000 8000 2>/dev/null) || die "submit: $sub"
+        svc=$("$TOOL" services 100000 50 2>/dev/null) || die "services: $svc"
         rm -rf "$lib"
     fi
 
@@ -207,6 +208,9 @@ measure() {
             "" "$(field callbacks_meanwhile "$mem") callbacks came meanwhile; silent loopback listener)"
         printf '  %-44s %s\n' "finalize with them outstanding" \
             "$(if [ "$(field returned "$fin")" = yes ]; then echo "returned in $(field ms "$fin") ms"; else echo "DID NOT RETURN in 60 s"; fi)"
+        printf '  %-44s %s\n' "100,000 register/deregister cycles" \
+            "VmRSS $(field rss_before_kib "$svc") -> $(field rss_after_kib "$svc") KiB ($(field bytes_per_cycle "$svc") bytes per cycle)"
+        printf '  %-44s %s\n' "finalize of an idle library (50 rounds)" "mean $(field mean_ms "$(grep '^finalize-idle' <<<"$svc")") ms"
         local line first=""
         while read -r line; do
             local n us

@@ -246,6 +246,36 @@ int Memory(const std::string& dir, size_t count)
     return 0;
 }
 
+// What registrations leave behind: the resident size after count
+// register/deregister cycles (past a warm-up), and what finalizing an idle
+// library costs, averaged over rounds.
+int Services(size_t count, size_t rounds)
+{
+    const auto cycle = [] {
+        url_downloader_h service = Register();
+        return url_downloader_deregister(service) == URL_DOWNLOADER_ERROR_NONE;
+    };
+    for (int i = 0; i < 3000; ++i) // past the tombstones the library keeps
+        if (!cycle())
+            return 1;
+    const long before = RssKiB();
+    for (size_t i = 0; i < count; ++i)
+        if (!cycle())
+            return 1;
+    const long after = RssKiB();
+    std::printf("services cycles=%zu rss_before_kib=%ld rss_after_kib=%ld bytes_per_cycle=%.2f\n", count, before, after,
+                static_cast<double>(after - before) * 1024 / count);
+    double total_us = 0;
+    for (size_t i = 0; i < rounds; ++i) {
+        Register();
+        const Clock::time_point start = Clock::now();
+        url_downloader_finalize();
+        total_us += Micros(start, Clock::now());
+    }
+    std::printf("finalize-idle rounds=%zu mean_ms=%.2f\n", rounds, total_us / 1000 / rounds);
+    return 0;
+}
+
 int SubmitCost(const std::string& dir, const std::vector<size_t>& counts)
 {
     RaiseFdLimit();
@@ -620,12 +650,14 @@ int main(int argc, char** argv)
         rc = SubmitCost(argv[2], counts);
     } else if (mode == "sync-cost" && argc == 5 && Count(argv[3]) > 0) {
         rc = SyncCost(argv[2], Count(argv[3]), Count(argv[4]));
+    } else if (mode == "services" && argc == 4 && Count(argv[2]) > 0 && Count(argv[3]) > 0) {
+        rc = Services(Count(argv[2]), Count(argv[3]));
     } else if (mode == "cache-lock" && argc == 6 && Count(argv[5]) > 0) {
         rc = CacheLock(argv[2], argv[3], argv[4], Count(argv[5]));
     } else {
         std::fprintf(stderr,
                      "usage: url-downloader-bench cache-hit BASE_URL DIR | memory DIR COUNT | submit DIR COUNT... |"
-                     " sync-cost DIR COUNT BYTES | cache-lock BASE_URL DIR DB HOLD_S\n");
+                     " sync-cost DIR COUNT BYTES | services COUNT ROUNDS | cache-lock BASE_URL DIR DB HOLD_S\n");
     }
     g_main_loop_unref(delivery.loop);
     return rc;
