@@ -30,10 +30,7 @@ size_t mask_user_info(const char* line, char* out, size_t out_size)
         while (!ends_run(*p))
             ++p;
         // The last '@' of the run ends the user-info (a password may hold one).
-        const char* at = NULL;
-        for (const char* q = start; q < p; ++q)
-            if (*q == '@')
-                at = q;
+        const char* at = (const char*)memrchr(start, '@', (size_t)(p - start));
         const char* colon = at != NULL ? (const char*)memchr(start, ':', (size_t)(at - start)) : NULL;
         if (colon == NULL) {
             put(start, (size_t)(p - start));

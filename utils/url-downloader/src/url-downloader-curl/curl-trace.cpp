@@ -52,21 +52,13 @@ int url_downloader_curl_trace(CURL* easy, curl_infotype type, char* data, size_t
     (void)user_data;
     // libcurl's own verbose output, byte for byte, but for the credentials
     // it would print in the request's authorization headers.
-    switch (type) {
-    case CURLINFO_TEXT:
-        fwrite("* ", 2, 1, stderr);
-        fwrite(data, size, 1, stderr);
-        break;
-    case CURLINFO_HEADER_IN:
-        fwrite("< ", 2, 1, stderr);
-        fwrite(data, size, 1, stderr);
-        break;
-    case CURLINFO_HEADER_OUT:
-        fwrite("> ", 2, 1, stderr);
+    // Body and TLS bytes: libcurl prints none either.
+    if (type != CURLINFO_TEXT && type != CURLINFO_HEADER_IN && type != CURLINFO_HEADER_OUT)
+        return 0;
+    fwrite(type == CURLINFO_TEXT ? "* " : type == CURLINFO_HEADER_IN ? "< " : "> ", 2, 1, stderr);
+    if (type == CURLINFO_HEADER_OUT)
         write_masked_headers(data, size, stderr);
-        break;
-    default: // body and TLS bytes: libcurl prints none either
-        break;
-    }
+    else
+        fwrite(data, size, 1, stderr);
     return 0;
 }

@@ -152,17 +152,14 @@ void _url_downloader_execute_clean_request_list(url_downloader_message_t* messag
 // requests are freed with the ledger.
 void join_transfer_thread()
 {
+    // The engine exists only with its end signal, so waiting on it is safe.
     const int ended = _url_downloader_transfer_loop_ended_fd();
     bool over = false;
     for (;;) {
-        // Without the end signal (never, short of a broken engine) it looks
-        // for the thread's end between reads instead.
-        if (ended < 0 && pthread_tryjoin_np(UrlDownloader::CurlThread, NULL) == 0)
-            return;
         // Once the thread is over, what it wrote is read to the end.
         struct pollfd ready[2] = {{url_downloader_pipe_fd[0], POLLIN, 0}, {ended, POLLIN, 0}};
-        const int woke = poll(ready, over || ended < 0 ? 1 : 2, over ? 0 : ended >= 0 ? -1 : 10);
-        if (!over && ended >= 0 && (ready[1].revents & POLLIN) != 0)
+        const int woke = poll(ready, over ? 1 : 2, over ? 0 : -1);
+        if (!over && (ready[1].revents & POLLIN) != 0)
             over = true;
         if (woke > 0 && (ready[0].revents & POLLIN) != 0) {
             url_downloader_message_t message;
