@@ -49,12 +49,12 @@ TEST(LockUtility, MisuseIsRefusedWithItsCodeAndLeavesTheLockFree)
 
 class ProcessingPipe : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_EQ(0, pipe(url_downloader_pipe_fd)); }
-    void TearDown() override
+    void SetUp() override
     {
-        for (int& fd : url_downloader_pipe_fd)
-            fd >= 0 && close(fd), fd = -1;
+        url_downloader_error e;
+        ASSERT_TRUE(_url_downloader_create_pipe(&e));
     }
+    void TearDown() override { _url_downloader_close_pipe(); }
 };
 
 TEST_F(ProcessingPipe, AFailedWriteReportsItsCodeAndReleasesTheLock)
@@ -63,8 +63,7 @@ TEST_F(ProcessingPipe, AFailedWriteReportsItsCodeAndReleasesTheLock)
     url_downloader_error e = URL_DOWNLOADER_ERROR_INVALID_URL;
     url_downloader_write_pipe(nullptr, &e);
     EXPECT_EQ(URL_DOWNLOADER_ERROR_INVALID_URL, e) << "a refused call leaves the caller's word alone";
-    close(url_downloader_pipe_fd[1]);
-    url_downloader_pipe_fd[1] = -1;
+    _url_downloader_close_pipe(); // both ends gone: the write fails, so does the read
     url_downloader_write_pipe(&m, &e);
     EXPECT_EQ(URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED, e);
     EXPECT_TRUE(FreeForOthers([] {
@@ -72,7 +71,7 @@ TEST_F(ProcessingPipe, AFailedWriteReportsItsCodeAndReleasesTheLock)
         return _url_downloader_pipe_write_mutex_operation(URL_DOWNLOADER_MUTEX_LOCK, &err) &&
                _url_downloader_pipe_write_mutex_operation(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
     }));
-    _url_downloader_read_pipe(&m, &e); // all writers gone: end of file, not a message
+    _url_downloader_read_pipe(&m, &e);
     EXPECT_EQ(URL_DOWNLOADER_ERROR_PIPE_READ_FAILED, e);
 }
 } // namespace

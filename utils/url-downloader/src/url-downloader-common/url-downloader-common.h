@@ -1,7 +1,7 @@
 /* What every part of the library uses: the public types, the log lines, the
- * allocation check, the lock utility with its scoped guard, and the command
- * records of the processing pipe, which the client side and the transfer
- * thread both write. Includes nothing of the library's other folders. */
+ * allocation check, the locks, and the command records of the processing
+ * pipe, which the client side and the transfer thread both write. Includes
+ * nothing of the library's other folders. */
 #ifndef URL_DOWNLOADER_COMMON_H
 #define URL_DOWNLOADER_COMMON_H
 
@@ -10,6 +10,7 @@
 #include <time.h>
 
 #include "url-downloader.h"
+#include "url-downloader-locks.h"
 #include "url-downloader-log.h"
 
 #define UD_EXPORT __attribute__((visibility("default")))
@@ -33,7 +34,8 @@ typedef enum {
     URL_DOWNLOADER_MSG_CLEAN_REQUEST_LIST = 7
 } url_downloader_message_type_t;
 
-/* Result of one finished transfer; owned by the processing thread once sent. */
+/* Result of one finished transfer, as the engine reports it and as a response
+ * message carries it (then owned by the processing thread). */
 typedef struct url_downloader_response_info_t {
     int64_t fileSize;   /* a body may pass 2 GiB */
     int64_t expiryTime; /* and a date may pass 2038, on 32-bit targets too */
@@ -48,61 +50,5 @@ typedef struct url_downloader_message_t {
     url_downloader_api_h api;
     url_downloader_response_info_t* info;
 } url_downloader_message_t;
-
-#ifdef __cplusplus
-extern "C" {
-#endif
-
-UD_EXPORT url_downloader_error url_downloader_mutex_utility(pthread_mutex_t* mutex, bool* initialised,
-                                                            url_downloader_mutex_operation_t operation);
-/* A named lock's wrapper: refuses a NULL error word, runs the operation
- * through the utility, stores its code and logs a failure under func with the
- * lock's name. Returns whether the operation succeeded. */
-bool _url_downloader_named_mutex_operation(pthread_mutex_t* mutex, bool* initialised, const char* func,
-                                           const char* lock_name, url_downloader_mutex_operation_t operation,
-                                           url_downloader_error* error);
-
-/* Writes one command into the processing pipe (defined with the pipe). */
-UD_EXPORT void url_downloader_write_pipe(const url_downloader_message_t* message, url_downloader_error* error);
-
-#ifdef __cplusplus
-}
-
-/* A lock wrapper of the library: bool (operation, error word). */
-typedef bool (*UdLockOperation)(url_downloader_mutex_operation_t, url_downloader_error*);
-
-/* Holds one of the library's locks for its scope. Taking it may fail (the
- * lock utility's code is then in Error() and nothing is held); leaving the
- * scope releases it on every path. Release() lets a caller that must report
- * a failed release do so before the scope ends. */
-class UdScopedLock {
-public:
-    explicit UdScopedLock(UdLockOperation operation)
-        : operation_(operation), error_(URL_DOWNLOADER_ERROR_NONE),
-          held_(operation(URL_DOWNLOADER_MUTEX_LOCK, &error_))
-    {
-    }
-    ~UdScopedLock() { Release(); }
-    UdScopedLock(const UdScopedLock&) = delete;
-    UdScopedLock& operator=(const UdScopedLock&) = delete;
-
-    bool Held() const { return held_; }
-    url_downloader_error Error() const { return error_; }
-
-    /* Releases now; false (with the code in Error()) when that failed. */
-    bool Release()
-    {
-        if (!held_)
-            return true;
-        held_ = false;
-        return operation_(URL_DOWNLOADER_MUTEX_UNLOCK, &error_);
-    }
-
-private:
-    UdLockOperation operation_;
-    url_downloader_error error_;
-    bool held_;
-};
-#endif
 
 #endif

@@ -31,7 +31,7 @@ const int64_t kFlushDelayMs = 100;
 // The records whose buffers hold bytes. Touched only under curl_mutex_lock
 // (body writes, closes and the loop's check all run under it); short, since
 // only transfers with a connection write bodies.
-std::vector<url_downloader_curl_pvt_data*> buffered;
+std::vector<url_downloader_curl_pvt_data*> buffered UD_GUARDED_BY(curl_mutex_lock);
 
 // Destination files open now, oldest first. One perform may run many short
 // transfers one after another on a kept connection, and their files are only
@@ -39,9 +39,9 @@ std::vector<url_downloader_curl_pvt_data*> buffered;
 // connection, the oldest is closed early and reopened to append should more
 // of its body come, so the descriptors stay bounded whatever libcurl does.
 // Same lock as above.
-std::vector<url_downloader_curl_pvt_data*> open_bodies;
+std::vector<url_downloader_curl_pvt_data*> open_bodies UD_GUARDED_BY(curl_mutex_lock);
 
-void set_buffered(url_downloader_curl_pvt_data* record, int64_t since)
+void set_buffered(url_downloader_curl_pvt_data* record, int64_t since) UD_REQUIRES(curl_mutex_lock)
 {
     if ((record->bufferedSinceMs != 0) != (since != 0)) {
         if (since != 0)
@@ -52,7 +52,7 @@ void set_buffered(url_downloader_curl_pvt_data* record, int64_t since)
     record->bufferedSinceMs = since;
 }
 
-void flush_body(url_downloader_curl_pvt_data* record)
+void flush_body(url_downloader_curl_pvt_data* record) UD_REQUIRES(curl_mutex_lock)
 {
     // A failed write shows again at the close, which fails the transfer.
     fflush(record->fileHandle);

@@ -1,31 +1,41 @@
+/* The end of a transfer: judging its outcome, reporting it upwards and tearing it down. */
 #include <stdint.h>
 #include <stdlib.h>
 #include <unistd.h>
-
-#include <vector>
 
 #include "url-downloader-curl.h"
 #include "url-downloader-internal.h"
 
 namespace {
-// Response messages built on this thread and not yet written. Only the
-// thread that built them writes them, so no lock is needed.
+url_downloader_response_sink_t response_sink = NULL;
+
+// One finished transfer's report, not yet handed to the sink.
+struct Report {
+    url_downloader_api_h api;
+    url_downloader_response_info_t info;
+};
+
+// Reports judged on this thread and not yet sent. Only the thread that judged
+// them sends them, so no lock is needed; they are plain values, so a thread
+// that ends with some unsent leaks nothing.
 struct Outbox {
-    std::vector<url_downloader_message_t*> messages;
+    GArray* reports = g_array_new(FALSE, FALSE, sizeof(Report));
     ~Outbox()
     {
-        // A thread that ends without flushing must not leak its messages.
-        for (url_downloader_message_t* message : messages) {
-            UD_ERROR_AS("_url_downloader_flush_responses", "Dropping unsent response for api-handle %ld",
-                        (long)(intptr_t)message->api);
-            free(message->info);
-            free(message);
-        }
+        for (guint i = 0; i < reports->len; ++i)
+            UD_ERROR("Dropping unsent response for api-handle %ld",
+                     (long)(intptr_t)g_array_index(reports, Report, i).api);
+        g_array_free(reports, TRUE);
     }
 };
 thread_local Outbox outbox;
 
 } // namespace
+
+void _url_downloader_set_response_sink(url_downloader_response_sink_t sink)
+{
+    __atomic_store_n(&response_sink, sink, __ATOMIC_RELEASE);
+}
 
 void _url_downloader_response_cb(CURL* easy_handle, void* user_data, CURLcode result)
 {
@@ -42,15 +52,8 @@ void _url_downloader_response_cb(CURL* easy_handle, void* user_data, CURLcode re
     long status = 0;
     curl_easy_getinfo(easy_handle, CURLINFO_RESPONSE_CODE, &status);
 
-    url_downloader_response_info_t* info =
-        (url_downloader_response_info_t*)calloc(1, sizeof(url_downloader_response_info_t));
-    UD_ASSERT_ALLOC(info);
-    url_downloader_message_t* message = (url_downloader_message_t*)calloc(1, sizeof(url_downloader_message_t));
-    UD_ASSERT_ALLOC(message);
-    message->type = URL_DOWNLOADER_MSG_DOWNLOAD_RESPONSE;
-    message->api = data->apiHandle;
-    message->info = info;
-
+    Report report = {data->apiHandle, {0, 0, URL_DOWNLOADER_ERROR_NONE}};
+    url_downloader_response_info_t* info = &report.info;
     if (data->fileSize <= 0 || status != 200) {
         UD_ERROR("Downloaded failed with http status code as %ld", status);
         info->error = URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED;
@@ -67,23 +70,42 @@ void _url_downloader_response_cb(CURL* easy_handle, void* user_data, CURLcode re
     }
     UD_DEBUG("Download done for api-handle %ld, error=[%d]\n", (long)(intptr_t)data->apiHandle, (int)info->error);
 
-    outbox.messages.push_back(message);
+    g_array_append_val(outbox.reports, report);
     UD_END();
 }
 
 void _url_downloader_flush_responses(void)
 {
-    std::vector<url_downloader_message_t*> pending;
-    pending.swap(outbox.messages);
-    for (url_downloader_message_t* message : pending) {
-        url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
-        url_downloader_write_pipe(message, &err);
-        if (err != URL_DOWNLOADER_ERROR_NONE) {
-            // Nobody will receive the info record; it is still ours.
-            UD_ERROR("Response for api-handle %ld could not be sent, error=[%d]", (long)(intptr_t)message->api,
-                     (int)err);
-            free(message->info);
-        }
-        free(message);
+    if (outbox.reports->len == 0)
+        return;
+    GArray* pending = outbox.reports;
+    outbox.reports = g_array_new(FALSE, FALSE, sizeof(Report));
+    const url_downloader_response_sink_t sink = __atomic_load_n(&response_sink, __ATOMIC_ACQUIRE);
+    for (guint i = 0; i < pending->len; ++i) {
+        const Report& report = g_array_index(pending, Report, i);
+        if (sink != NULL)
+            sink(report.api, &report.info);
+        else
+            UD_ERROR("Dropping unsent response for api-handle %ld", (long)(intptr_t)report.api);
     }
+    g_array_free(pending, TRUE);
+}
+
+void _url_downloader_finish_transfer(UrlDownloader* engine, CURL* easy, url_downloader_curl_pvt_data* data,
+                                     CURLcode result)
+{
+    bool listed = data != NULL && data->activeLink != NULL;
+    if (listed) {
+        // A detached record's request was already released by a cancellation:
+        // it gets no report.
+        if (data->apiHandle != NULL)
+            _url_downloader_response_cb(easy, data, result);
+        _url_downloader_teardown_transaction(engine, data);
+        return;
+    }
+    // No record of ours: still take the easy handle out of the multi handle,
+    // or it would stay there for good.
+    UD_ERROR("Finished transfer has no active record");
+    if (UrlDownloader::multiHandle == NULL || curl_multi_remove_handle(UrlDownloader::multiHandle, easy) == CURLM_OK)
+        curl_easy_cleanup(easy);
 }

@@ -25,10 +25,10 @@ bool read_download_message(int fd, int32_t* value)
             continue;
         } else {
             if (n == 0) {
-                UD_ERROR_AS("url_downloader_download_loop", "Download pipe closed, ending CURL thread loop");
+                UD_ERROR("Download pipe closed, ending CURL thread loop");
             } else {
                 perror("pipe");
-                UD_ERROR_AS("url_downloader_download_loop", "Download pipe read failed, errno=[%d]", errno);
+                UD_ERROR("Download pipe read failed, errno=[%d]", errno);
             }
             return false;
         }
@@ -37,41 +37,19 @@ bool read_download_message(int fd, int32_t* value)
     return true;
 }
 
-// Holds curl_mutex_lock for its scope. Taking it can only fail on a broken
-// mutex; the thread cannot go on without it, so it pauses between attempts
-// rather than burn a core.
-class CurlLockTaken {
-public:
-    CurlLockTaken()
-    {
-        url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
-        while (!UrlDownloader::DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_LOCK, &err)) {
-            struct timespec pause = {0, 1000000};
-            nanosleep(&pause, NULL);
-        }
-    }
-    ~CurlLockTaken()
-    {
-        url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
-        UrlDownloader::DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_UNLOCK, &err);
-    }
-    CurlLockTaken(const CurlLockTaken&) = delete;
-    CurlLockTaken& operator=(const CurlLockTaken&) = delete;
-};
-
 // Finished transfers are reported and torn down in the same locked section
 // as the perform that finished them, so a cancellation never meets one
 // half-way.
-void drain_finished(UrlDownloader* engine, CURLM* multi)
+void drain_finished(UrlDownloader* engine, CURLM* multi) UD_REQUIRES(curl_mutex_lock)
 {
     CURLMsg* msg;
     int left = 0;
     while ((msg = curl_multi_info_read(multi, &left)) != NULL) {
         if (msg->msg != CURLMSG_DONE) {
-            UD_DEBUG_AS("url_downloader_download_loop", "Curl message received=%d\n ", (int)msg->msg);
+            UD_DEBUG("Curl message received=%d\n ", (int)msg->msg);
             continue;
         }
-        UD_DEBUG_AS("url_downloader_download_loop", "Curl transaction over\n ");
+        UD_DEBUG("Curl transaction over\n ");
         // msg dies with the easy handle's removal: copy what is needed.
         CURL* easy = msg->easy_handle;
         CURLcode result = msg->data.result;
@@ -88,10 +66,10 @@ void perform(UrlDownloader* engine, CURLM* multi, int* running, bool report_erro
     CURLMcode rc;
     do {
         {
-            CurlLockTaken lock;
+            UdScopedLock lock(curl_mutex_lock, UdScopedLock::kRetry);
             rc = curl_multi_perform(multi, running);
             if (report_errors && rc != CURLM_OK && rc != CURLM_CALL_MULTI_PERFORM)
-                UD_ERROR_AS("url_downloader_download_loop", "Muti-perform Error:: %s\n", curl_multi_strerror(rc));
+                UD_ERROR("Muti-perform Error:: %s\n", curl_multi_strerror(rc));
             drain_finished(engine, multi);
             _url_downloader_flush_stale_bodies();
         }
@@ -113,16 +91,15 @@ void run_cycle(UrlDownloader* engine, CURLM* multi)
         FD_ZERO(&error_set);
 
         {
-            UdScopedLock lock(UrlDownloader::DownloaderHandleMutex);
+            UdScopedLock lock(curl_mutex_lock);
             if (!lock.Held()) {
-                UD_ERROR_AS("url_downloader_download_loop", "Locking curl_write_lock failed with error-code as %d",
+                UD_ERROR("Locking curl_write_lock failed with error-code as %d",
                             (int)lock.Error());
             } else {
                 curl_multi_fdset(multi, &read_set, &write_set, &error_set, &max_fd);
                 curl_multi_timeout(multi, &timeout_ms);
                 if (!lock.Release())
-                    UD_ERROR_AS("url_downloader_download_loop",
-                                "Unlocking curl_write_lock failed with error-code as %d", (int)lock.Error());
+                    UD_ERROR("Unlocking curl_write_lock failed with error-code as %d", (int)lock.Error());
             }
         }
 
@@ -140,7 +117,7 @@ void run_cycle(UrlDownloader* engine, CURLM* multi)
         _url_downloader_compute_wait(timeout_ms, &wait);
         if (select(max_fd + 1, &read_set, &write_set, &error_set, &wait) == -1) {
             int saved = errno;
-            UD_ERROR_AS("url_downloader_download_loop", "select error\n");
+            UD_ERROR("select error\n");
             // Collect again; a lasting failure must not become a busy loop.
             if (saved != EINTR) {
                 struct timespec pause = {0, 10000000};
@@ -172,7 +149,11 @@ void* url_downloader_download_loop(void* arg)
 {
     UD_BEGIN();
     UrlDownloader* engine = (UrlDownloader*)arg;
-    CURLM* multi = UrlDownloader::multiHandle;
+    CURLM* multi = NULL;
+    {
+        UdScopedLock lock(curl_mutex_lock, UdScopedLock::kRetry);
+        multi = UrlDownloader::multiHandle;
+    }
     int downloadFd = UrlDownloader::downloadPipe[0];
 
     int32_t message = -1;
@@ -186,13 +167,7 @@ void* url_downloader_download_loop(void* arg)
     }
 
     UD_DEBUG("Cleaning up multi handle, Exiting CURL thread loop!");
-    // Under the lock, so that a late set-up or cancellation finds no multi
-    // handle instead of a freed one.
-    {
-        CurlLockTaken lock;
-        UrlDownloader::multiHandle = NULL;
-        curl_multi_cleanup(multi);
-    }
+    _url_downloader_drop_multi_handle();
     UD_END();
     _url_downloader_mark_transfer_loop_ended();
     return NULL;

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <initializer_list>
 
-#include "url-downloader-curl.h"
 #include "url-downloader-internal.h"
 
 namespace {
@@ -109,7 +108,7 @@ UrlDownloader* UrlDownloader::CreateInstance()
     UD_BEGIN();
     // A lock that cannot be taken is reported by its wrapper; creating the
     // engine without it could make two.
-    UdScopedLock lock(DownloaderInstanceHandleMutex);
+    UdScopedLock lock(downloader_instance_lock);
     if (!lock.Held())
         return NULL;
     if (instance == NULL) {
@@ -133,16 +132,16 @@ UrlDownloader* UrlDownloader::CreateInstance()
 bool UrlDownloader::DownloaderInit()
 {
     UD_BEGIN();
-    // A missing multi handle is caught per transfer by DownloaderCreateEasyHandle.
-    multiHandle = curl_multi_init();
-    apply_connection_policy(multiHandle);
-
     url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
     if (!DownloaderHandleMutex(URL_DOWNLOADER_MUTEX_INIT, &err)) {
         UD_ERROR("Curl multi-handle protection mutex failed with error_code as %d", (int)err);
-        curl_multi_cleanup(multiHandle);
-        multiHandle = NULL;
         return false;
+    }
+    {
+        // A missing multi handle is caught per transfer by DownloaderCreateEasyHandle.
+        UdScopedLock lock(curl_mutex_lock, UdScopedLock::kRetry);
+        multiHandle = curl_multi_init();
+        apply_connection_policy(multiHandle);
     }
 
     bool piped = pipe2(downloadPipe, O_CLOEXEC) == 0;
@@ -157,8 +156,7 @@ bool UrlDownloader::DownloaderInit()
         UD_ERROR("Download PIPE creation failed");
         close_download_pipe();
         close_loop_wakeup();
-        curl_multi_cleanup(multiHandle);
-        multiHandle = NULL;
+        _url_downloader_drop_multi_handle();
         return false;
     }
     UD_DEBUG("Download PIPE created successfully");
@@ -166,7 +164,8 @@ bool UrlDownloader::DownloaderInit()
     bool result = false;
     pthread_attr_t attr;
     if (pthread_attr_init(&attr) == 0) {
-        int rc = pthread_create(&CurlThread, &attr, url_downloader_download_loop, this);
+        const url_downloader_engine_hooks_t* hooks = _url_downloader_engine_hooks();
+        int rc = hooks != NULL ? pthread_create(&CurlThread, &attr, hooks->transferLoop, this) : EINVAL;
         if (rc != 0) {
             errno = rc;
             perror("threaderror: \n");
@@ -183,11 +182,18 @@ bool UrlDownloader::DownloaderInit()
         // No thread will ever clean these up.
         close_download_pipe();
         close_loop_wakeup();
-        curl_multi_cleanup(multiHandle);
-        multiHandle = NULL;
+        _url_downloader_drop_multi_handle();
     }
     UD_END();
     return result;
+}
+
+void _url_downloader_drop_multi_handle(void)
+{
+    UdScopedLock lock(curl_mutex_lock, UdScopedLock::kRetry);
+    CURLM* multi = UrlDownloader::multiHandle;
+    UrlDownloader::multiHandle = NULL;
+    curl_multi_cleanup(multi);
 }
 
 bool UrlDownloader::DownloaderExecuteRequest()
@@ -226,9 +232,7 @@ UrlDownloader::~UrlDownloader()
     close_download_pipe();
     close_loop_wakeup();
 
-    multiHandle = NULL;
     instance = NULL;
-    activeTransactions = NULL;
     UD_END();
 }
 

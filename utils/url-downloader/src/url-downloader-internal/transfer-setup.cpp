@@ -2,27 +2,24 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "url-downloader-curl.h"
 #include "url-downloader-internal.h"
 
 namespace {
 const char* const kUserAgent = "Korvane User Agent";
 
-url_downloader_proxy_source_t proxy_source = NULL;
-
 // Entries of activeTransactions. Each record keeps its own node and the count
 // is kept here, so that listing, unlisting and counting cost the same with
 // ten thousand transfers queued as with one (under curl_mutex_lock).
-unsigned active_count = 0;
+unsigned active_count UD_GUARDED_BY(curl_mutex_lock) = 0;
 
-void list_transaction(url_downloader_curl_pvt_data* data)
+void list_transaction(url_downloader_curl_pvt_data* data) UD_REQUIRES(curl_mutex_lock)
 {
     UrlDownloader::activeTransactions = g_list_prepend(UrlDownloader::activeTransactions, data);
     data->activeLink = UrlDownloader::activeTransactions;
     ++active_count;
 }
 
-void unlist_transaction(url_downloader_curl_pvt_data* data)
+void unlist_transaction(url_downloader_curl_pvt_data* data) UD_REQUIRES(curl_mutex_lock)
 {
     if (data->activeLink == NULL)
         return;
@@ -33,9 +30,15 @@ void unlist_transaction(url_downloader_curl_pvt_data* data)
 
 // Closes the file and frees the record with its path copy; the easy handle
 // must already be gone or be released by the caller.
-void free_record(url_downloader_curl_pvt_data* data)
+bool close_body(url_downloader_curl_pvt_data* data) UD_REQUIRES(curl_mutex_lock)
 {
-    _url_downloader_close_file(data); // a partly written file stays on disk
+    const url_downloader_engine_hooks_t* hooks = _url_downloader_engine_hooks();
+    return hooks == NULL || hooks->closeBody(data);
+}
+
+void free_record(url_downloader_curl_pvt_data* data) UD_REQUIRES(curl_mutex_lock)
+{
+    close_body(data); // a partly written file stays on disk
     free(data->filePath);
     data->filePath = NULL;
     free(data);
@@ -43,16 +46,11 @@ void free_record(url_downloader_curl_pvt_data* data)
 
 CURLM* current_multi_handle()
 {
-    UdScopedLock lock(UrlDownloader::DownloaderHandleMutex);
+    UdScopedLock lock(curl_mutex_lock);
     return lock.Held() ? UrlDownloader::multiHandle : NULL;
 }
 
 } // namespace
-
-void _url_downloader_set_proxy_source(url_downloader_proxy_source_t source)
-{
-    __atomic_store_n(&proxy_source, source, __ATOMIC_RELEASE);
-}
 
 bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
 {
@@ -66,16 +64,16 @@ bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
         return false;
     }
 
+    const url_downloader_engine_hooks_t* hooks = _url_downloader_engine_hooks();
     CURL* easy = curl_easy_init();
-    if (current_multi_handle() == NULL || easy == NULL) {
+    if (hooks == NULL || current_multi_handle() == NULL || easy == NULL) {
         UD_ERROR("Curl initialization failed\n");
         if (easy != NULL)
             curl_easy_cleanup(easy);
         return false;
     }
 
-    url_downloader_proxy_source_t source = __atomic_load_n(&proxy_source, __ATOMIC_ACQUIRE);
-    char* proxy = source != NULL ? source(api->service) : NULL;
+    char* proxy = hooks->proxySource(api->service);
     if (proxy != NULL) {
         UD_DEBUG("Using proxy [%s]\n", proxy);
         curl_easy_setopt(easy, CURLOPT_PROXY, proxy); // libcurl keeps its own copy
@@ -90,19 +88,19 @@ bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
     user_data->easyHandle = easy;
 
     curl_easy_setopt(easy, CURLOPT_URL, api->url);
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, url_downloader_body_parser);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, hooks->bodyWriter);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, user_data);
-    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, url_downloader_header_parser);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, hooks->headerReader);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, user_data);
     curl_easy_setopt(easy, CURLOPT_PRIVATE, user_data);
     curl_easy_setopt(easy, CURLOPT_VERBOSE, 1L);
-    curl_easy_setopt(easy, CURLOPT_DEBUGFUNCTION, url_downloader_curl_trace);
+    curl_easy_setopt(easy, CURLOPT_DEBUGFUNCTION, hooks->tracer);
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L);
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_USERAGENT, kUserAgent);
 
-    UdScopedLock lock(DownloaderHandleMutex);
+    UdScopedLock lock(curl_mutex_lock);
     if (!lock.Held()) {
         UD_ERROR("Locking mutex failed with error-code %d", (int)lock.Error());
         curl_easy_cleanup(easy);
@@ -141,7 +139,7 @@ bool UrlDownloader::DownloaderCancelRequest(url_downloader_api_t* api)
 
 bool UrlDownloader::DownloaderCleanupEasyHandle(url_downloader_api_t* api)
 {
-    UdScopedLock lock(DownloaderHandleMutex);
+    UdScopedLock lock(curl_mutex_lock);
     if (!lock.Held())
         return false;
     UD_DEBUG("api-handle is %ld", (long)(intptr_t)api);
@@ -182,14 +180,12 @@ void _url_downloader_teardown_transaction(UrlDownloader* engine, url_downloader_
                            ? curl_multi_remove_handle(UrlDownloader::multiHandle, data->easyHandle)
                            : CURLM_OK;
         if (rc != CURLM_OK) {
-            UD_ERROR_AS("DownloaderCleanupEasyHandle",
-                        "\n\n *****curl_multi_remove_handle failed with error:: %s*****\n\n",
-                        curl_multi_strerror(rc));
+            UD_ERROR("\n\n *****curl_multi_remove_handle failed with error:: %s*****\n\n", curl_multi_strerror(rc));
             // libcurl may still call back with this record: keep it, but cut
             // it off from its request and its file. A body write now fails
             // for want of a path, which aborts the transfer.
             data->apiHandle = NULL;
-            _url_downloader_close_file(data);
+            close_body(data);
             free(data->filePath);
             data->filePath = NULL;
             return;
@@ -200,28 +196,9 @@ void _url_downloader_teardown_transaction(UrlDownloader* engine, url_downloader_
     engine->RemoveTransaction(data);
 }
 
-void _url_downloader_finish_transfer(UrlDownloader* engine, CURL* easy, url_downloader_curl_pvt_data* data,
-                                     CURLcode result)
-{
-    bool listed = data != NULL && data->activeLink != NULL;
-    if (listed) {
-        // A detached record's request was already released by a cancellation:
-        // it gets no report.
-        if (data->apiHandle != NULL)
-            _url_downloader_response_cb(easy, data, result);
-        _url_downloader_teardown_transaction(engine, data);
-        return;
-    }
-    // No record of ours: still take the easy handle out of the multi handle,
-    // or it would stay there for good.
-    UD_ERROR_AS("url_downloader_download_loop", "Finished transfer has no active record");
-    if (UrlDownloader::multiHandle == NULL || curl_multi_remove_handle(UrlDownloader::multiHandle, easy) == CURLM_OK)
-        curl_easy_cleanup(easy);
-}
-
 void _url_downloader_release_transactions(UrlDownloader* engine)
 {
-    UdScopedLock lock(UrlDownloader::DownloaderHandleMutex);
+    UdScopedLock lock(curl_mutex_lock);
     while (UrlDownloader::activeTransactions != NULL) {
         url_downloader_curl_pvt_data* data = (url_downloader_curl_pvt_data*)UrlDownloader::activeTransactions->data;
         unlist_transaction(data);

@@ -10,13 +10,6 @@
 
 #include "url-downloader-common.h"
 
-/* Where the engine gets the proxy of a request's service when it sets up a
- * transfer: a copy that the engine frees, or NULL for none. The request side
- * owns the service records and the lock that guards them, so it provides
- * this; until it does, transfers use no proxy. */
-typedef char* (*url_downloader_proxy_source_t)(url_downloader_h service);
-void _url_downloader_set_proxy_source(url_downloader_proxy_source_t source);
-
 /* The most connections the engine holds at once (see the connection policy
  * in engine-lifecycle.cpp); the body writer keeps as many files open. */
 #define URL_DOWNLOADER_MAX_CONNECTIONS 32
@@ -40,6 +33,24 @@ typedef struct url_downloader_curl_pvt_data {
     GList* activeLink;            /* its node in activeTransactions, NULL when not listed */
 } url_downloader_curl_pvt_data;
 
+/* What the engine calls back into, all of it above the engine: the proxy of
+ * a request's service (a copy that the engine frees, or NULL), the transfer
+ * thread's body (given the engine), libcurl's body, header and debug
+ * callbacks, and the close of a transfer's body file (false when its last
+ * write failed; curl_mutex_lock held). Installed before the engine is
+ * created; the engine never names the code behind them. */
+typedef struct url_downloader_engine_hooks_t {
+    char* (*proxySource)(url_downloader_h service);
+    void* (*transferLoop)(void* engine);
+    size_t (*bodyWriter)(void* data, size_t size, size_t nmemb, void* user_data);
+    size_t (*headerReader)(char* line, size_t size, size_t nmemb, void* user_data);
+    int (*tracer)(CURL* easy, curl_infotype type, char* data, size_t size, void* user_data);
+    bool (*closeBody)(url_downloader_curl_pvt_data* record);
+} url_downloader_engine_hooks_t;
+void _url_downloader_install_engine_hooks(const url_downloader_engine_hooks_t* hooks);
+/* The hooks installed, or NULL. */
+const url_downloader_engine_hooks_t* _url_downloader_engine_hooks(void);
+
 /* Engine singleton. All state is static; an object only marks that the engine exists. */
 class UD_EXPORT UrlDownloader {
 public:
@@ -53,7 +64,7 @@ public:
     bool DownloaderCreateEasyHandle(url_downloader_api_t* api);
     bool DownloaderCancelRequest(url_downloader_api_t* api);
     bool DownloaderCleanupEasyHandle(url_downloader_api_t* api);
-    void RemoveTransaction(url_downloader_curl_pvt_data* data);
+    void RemoveTransaction(url_downloader_curl_pvt_data* data) UD_REQUIRES(curl_mutex_lock);
 
     static bool DownloaderInstanceHandleMutex(url_downloader_mutex_operation_t operation, url_downloader_error* error);
     static bool DownloaderHandleMutex(url_downloader_mutex_operation_t operation, url_downloader_error* error);
@@ -61,8 +72,8 @@ public:
     static UrlDownloader* instance;
     static int downloadPipe[2];
     static pthread_t CurlThread;
-    static CURLM* multiHandle;
-    static GList* activeTransactions; /* of url_downloader_curl_pvt_data*, newest first */
+    static CURLM* multiHandle UD_GUARDED_BY(curl_mutex_lock);
+    static GList* activeTransactions UD_GUARDED_BY(curl_mutex_lock); /* of url_downloader_curl_pvt_data*, newest first */
 
 private:
     UrlDownloader() = default;
@@ -78,13 +89,8 @@ private:
  * detached from its request (apiHandle NULL, file closed, no path), so that
  * nobody finds it by request and libcurl can still call back into it safely;
  * it is released with the engine. */
-void _url_downloader_teardown_transaction(UrlDownloader* engine, url_downloader_curl_pvt_data* data);
-
-/* Handles one finished easy handle reported by the multi handle: reports it
- * (when it still belongs to a request) and tears it down. Also copes with an
- * easy handle whose record is missing or detached. */
-void _url_downloader_finish_transfer(UrlDownloader* engine, CURL* easy, url_downloader_curl_pvt_data* data,
-                                     CURLcode result);
+void _url_downloader_teardown_transaction(UrlDownloader* engine, url_downloader_curl_pvt_data* data)
+    UD_REQUIRES(curl_mutex_lock);
 
 /* The transfer loop's wake-up descriptor (an eventfd, -1 when the engine is
  * down), which the loop watches in select() besides libcurl's sockets; waking
@@ -102,6 +108,10 @@ void _url_downloader_clear_transfer_loop_wakeup(void);
  * while it drains the processing pipe; -1 when the engine is down. */
 int _url_downloader_transfer_loop_ended_fd(void);
 void _url_downloader_mark_transfer_loop_ended(void);
+
+/* Cleans the multi handle up and forgets it, under curl_mutex_lock, so that a
+ * late set-up or cancellation finds no multi handle instead of a freed one. */
+void _url_downloader_drop_multi_handle(void);
 
 /* Releases every record still listed (easy handle, file, path copy, record).
  * Only once the transfer thread has ended. */

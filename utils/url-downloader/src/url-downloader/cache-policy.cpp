@@ -1,6 +1,7 @@
 #include "cache-policy.h"
 
 #include "regular-file.h"
+#include "request-ledger.h"
 
 #include <deque>
 #include <inttypes.h>
@@ -199,22 +200,16 @@ bool url_downloader_check_cache(url_downloader_api_t* api_handle, url_downloader
     UD_DEBUG("URL Found in cache\n");
     if (api_handle->filePath == NULL || strcmp(api_handle->filePath, path) != 0) {
         UD_DEBUG("but was downloaded in a different filepath\n");
-        char* copy = NULL;
-        if (!bounded_copy(path, &copy)) {
+        if (strlen(path) + 1 > URL_DOWNLOADER_MAX_COPY_SIZE) {
             UD_ERROR("Cached file path too long to hand over, so not using the cache");
             free(path);
             free(url_cache->url);
             free(url_cache);
             return false;
         }
-        free(api_handle->filePath);
-        api_handle->filePath = copy;
-        UD_ASSERT_ALLOC(api_handle->filePath);
     }
+    _url_downloader_answer_request(api_handle, URL_DOWNLOADER_ERROR_NONE, path);
     free(path);
-
-    api_handle->error = URL_DOWNLOADER_ERROR_NONE;
-    _url_downloader_resp_callback(api_handle);
 
     free(url_cache->url);
     free(url_cache);

@@ -47,25 +47,15 @@ public:
 
     /* The checks of every call that names a service, after its NULL tests:
      * the library is not being finalized (17) and the service is registered
-     * (1). Logs the refusal under func; returns 0 when the call may go on.
-     * apply, when given, runs on the service with arg in the same locked
-     * section that found it registered, so a deregistration cannot free it
-     * meanwhile. */
-    url_downloader_error CheckService(const char* func, url_downloader_h service,
-                                      void (*apply)(url_downloader_h, void*) = NULL, void* arg = NULL) const;
+     * (1). Returns 0 when the call may go on; the caller logs a refusal
+     * with Refusal(). */
+    url_downloader_error CheckService(url_downloader_h service) const;
+    /* The log text of a refusal by CheckService. */
+    static const char* Refusal(url_downloader_error error);
 
 private:
     bool entered_;
     bool up_;
 };
-
-/* What cancel-all and deregistration share: checks the service under func
- * (running apply on it as CheckService does), queues a command of the type
- * and waits for its own reply on the semaphore, logging waiting and done;
- * then waits for a callback of the service that runs on another thread.
- * Returns 0 or the refusal or write error. */
-url_downloader_error _url_downloader_drop_and_wait(const char* func, url_downloader_h service, int32_t type,
-                                                  sem_t* reply, const char* waiting, const char* done,
-                                                  void (*apply)(url_downloader_h, void*) = NULL);
 
 #endif

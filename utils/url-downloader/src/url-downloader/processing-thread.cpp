@@ -42,14 +42,8 @@ void _url_downloader_execute_download_request(url_downloader_api_h api, url_down
         UD_ERROR("url_downloader_add_easy_handle failed");
         // Without a transfer nothing would ever answer the request: answer
         // it now as failed. One that was added answers for itself.
-        if (api->transferActive != 0) {
-            UD_END();
-            return;
-        }
-        free(api->filePath);
-        api->filePath = NULL;
-        api->error = URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED;
-        _url_downloader_resp_callback(api);
+        if (api->transferActive == 0)
+            _url_downloader_answer_request(api, URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED, NULL);
     }
     UD_END();
 }
@@ -64,38 +58,33 @@ void _url_downloader_process_download_response(url_downloader_api_h api, url_dow
         return;
     }
 
+    url_downloader_error outcome = URL_DOWNLOADER_ERROR_NONE;
     if (info == NULL) {
         UD_ERROR("Downloaded file meta data missing");
-    } else {
-        api->error = info->error;
-        if (api->error != URL_DOWNLOADER_ERROR_NONE) {
-            free(api->filePath);
-            api->filePath = NULL;
-        } else {
-            // Every successful download is offered to the cache, whether or
-            // not the request consulted it.
-            // 64-bit: now + 180 days must not wrap where time_t is 32 bits.
-            int64_t now = (int64_t)time(NULL);
-            int64_t expiry = info->expiryTime;
-            if (now >= expiry)
-                expiry = now + DEFAULT_CACHE_LIFETIME;
-            url_downloader_cache record;
-            memset(&record, 0, sizeof record);
-            record.url = api->url;
-            record.filepath = api->filePath;
-            record.filesize = info->fileSize;
-            record.downloadtime = now;
-            record.expirytime = expiry;
-            record.appname = api->service != NULL ? api->service->appName : NULL;
-            UD_DEBUG("Adding to cache \n[ URL=%s,\n filesize=%" PRId64 ",\n appid=%s,\n downloadtime=%" PRId64
-                     ",\n expirytime=%" PRId64 ", "
-                     "filepath=%s]\n",
-                     ud_printable(record.url), record.filesize, ud_printable(record.appname), record.downloadtime,
-                     record.expirytime, ud_printable(record.filepath));
-            _url_downloader_admit_download(&record);
-        }
+    } else if ((outcome = info->error) == URL_DOWNLOADER_ERROR_NONE) {
+        // Every successful download is offered to the cache, whether or not
+        // the request consulted it.
+        // 64-bit: now + 180 days must not wrap where time_t is 32 bits.
+        int64_t now = (int64_t)time(NULL);
+        int64_t expiry = info->expiryTime;
+        if (now >= expiry)
+            expiry = now + DEFAULT_CACHE_LIFETIME;
+        url_downloader_cache record;
+        memset(&record, 0, sizeof record);
+        record.url = api->url;
+        record.filepath = api->filePath;
+        record.filesize = info->fileSize;
+        record.downloadtime = now;
+        record.expirytime = expiry;
+        record.appname = api->service != NULL ? api->service->appName : NULL;
+        UD_DEBUG("Adding to cache \n[ URL=%s,\n filesize=%" PRId64 ",\n appid=%s,\n downloadtime=%" PRId64
+                 ",\n expirytime=%" PRId64 ", "
+                 "filepath=%s]\n",
+                 ud_printable(record.url), record.filesize, ud_printable(record.appname), record.downloadtime,
+                 record.expirytime, ud_printable(record.filepath));
+        _url_downloader_admit_download(&record);
     }
-    _url_downloader_resp_callback(api);
+    _url_downloader_answer_request(api, outcome, NULL);
     UD_END();
 }
 
@@ -104,31 +93,13 @@ void _url_downloader_execute_cancel_request(url_downloader_api_h api, url_downlo
     UD_BEGIN();
     *error = URL_DOWNLOADER_ERROR_NONE;
     if (_url_downloader_cancel_running(api)) {
-        api->error = URL_DOWNLOADER_ERROR_REQUEST_CANCELLED;
-        free(api->filePath);
-        api->filePath = NULL;
-        _url_downloader_resp_callback(api);
+        _url_downloader_answer_request(api, URL_DOWNLOADER_ERROR_REQUEST_CANCELLED, NULL);
     } else {
         // Not running: not started yet, finished, or answered from the cache.
         // It ends normally.
         UD_ERROR("Api-handle %ld not found in the global-list", handle_number(api));
     }
     UD_END();
-}
-
-// The request sweep: drops the selected entries without callbacks.
-void _url_downloader_execute_cancel_all_request(url_downloader_message_t* message, bool withRegistration,
-                                                bool allServices, url_downloader_error* error)
-{
-    UD_BEGIN();
-    if (message == NULL || error == NULL) {
-        UD_ERROR("Invalid input param");
-        return;
-    }
-    *error = URL_DOWNLOADER_ERROR_NONE;
-    _url_downloader_sweep(message->service, withRegistration, allServices, error);
-    if (*error == URL_DOWNLOADER_ERROR_NONE)
-        UD_END();
 }
 
 void _url_downloader_execute_deregister_service(url_downloader_message_t* message, url_downloader_error* error)
@@ -145,53 +116,6 @@ void _url_downloader_execute_clean_request_list(url_downloader_message_t* messag
     UD_END();
 }
 
-// Joins the transfer thread while reading the processing pipe: that thread
-// may be writing the responses of transfers that finished at the last
-// moment, and would block for good once the pipe is full. What is read now
-// can only be such responses (finalization keeps client calls out); their
-// requests are freed with the ledger.
-void join_transfer_thread()
-{
-    // The engine exists only with its end signal, so waiting on it is safe.
-    const int ended = _url_downloader_transfer_loop_ended_fd();
-    bool over = false;
-    for (;;) {
-        // Once the thread is over, what it wrote is read to the end.
-        struct pollfd ready[2] = {{url_downloader_pipe_fd[0], POLLIN, 0}, {ended, POLLIN, 0}};
-        const int woke = poll(ready, over ? 1 : 2, over ? 0 : -1);
-        if (!over && (ready[1].revents & POLLIN) != 0)
-            over = true;
-        if (woke > 0 && (ready[0].revents & POLLIN) != 0) {
-            url_downloader_message_t message;
-            memset(&message, 0, sizeof message);
-            ssize_t bytes = read(url_downloader_pipe_fd[0], &message, sizeof message);
-            if (bytes == (ssize_t)sizeof message)
-                free(message.info);
-            else if (bytes < 0 && errno != EINTR)
-                break;
-        } else if (over) {
-            break;
-        }
-    }
-    pthread_join(UrlDownloader::CurlThread, NULL);
-}
-
-// Stops the transfer thread and destroys the engine.
-void shut_engine_down()
-{
-    UrlDownloader* engine = UrlDownloader::instance;
-    if (engine == NULL)
-        return;
-    if (!engine->DownloaderCleanupCurl()) {
-        // The transfer thread cannot be told to stop: joining it would hang,
-        // and destroying the engine under it would pull its state away.
-        UD_ERROR_AS("url_downloader_thread_loop", "Transfer engine left running");
-        return;
-    }
-    UD_ERROR_AS("url_downloader_thread_loop", "Waiting for pthread_join on curl thread to complete");
-    join_transfer_thread();
-    delete engine;
-}
 // Returns when a command is in the pipe, or when reading it may block: while
 // another process holds the cache's lock, it looks for the lock's end now and
 // then instead of sleeping on the pipe.
@@ -199,13 +123,12 @@ void wait_for_command()
 {
     for (;;) {
         int settle_in_ms = _url_downloader_settle_cache();
-        struct pollfd ready = {url_downloader_pipe_fd[0], POLLIN, 0};
-        if (poll(&ready, 1, 0) != 0)
+        if (_url_downloader_wait_pipe(0))
             return;
         // About to wait: the transfers added or cancelled so far start now,
         // one wake-up for the whole burst.
         _url_downloader_pay_transfer_loop_wakeups();
-        if (settle_in_ms < 0 || poll(&ready, 1, settle_in_ms) != 0)
+        if (settle_in_ms < 0 || _url_downloader_wait_pipe(settle_in_ms))
             return;
     }
 }
@@ -259,12 +182,26 @@ void* url_downloader_thread_loop(void* arg)
             break;
         }
 
-        free(message.info);
+        _url_downloader_discard_response(&message);
         if (error != URL_DOWNLOADER_ERROR_NONE)
             UD_ERROR("Request executing failed with error-code as %d", (int)error);
     }
 
-    shut_engine_down();
+    UrlDownloader* engine = UrlDownloader::instance;
+    if (engine != NULL && !engine->DownloaderCleanupCurl()) {
+        // The transfer thread cannot be told to stop: joining it would hang,
+        // and destroying the engine under it would pull its state away.
+        UD_ERROR("Transfer engine left running");
+    } else if (engine != NULL) {
+        UD_ERROR("Waiting for pthread_join on curl thread to complete");
+        // That thread may be writing the responses of transfers that finished
+        // at the last moment, and would block for good once the pipe is full:
+        // read them until it has ended (their requests go with the ledger).
+        // The engine exists only with its end signal, so waiting on it is safe.
+        _url_downloader_drain_pipe(_url_downloader_transfer_loop_ended_fd());
+        pthread_join(UrlDownloader::CurlThread, NULL);
+        delete engine;
+    }
     // Held admissions get one last look; those still held wait for the next start.
     _url_downloader_settle_cache();
     UD_ERROR("Closing the downloader thread!");

@@ -1,22 +1,8 @@
-/* The request ledger.
+/* The request ledger: the request list and every request and service record.
  *
- * Lock map (order: list_write_lock, then curl_mutex_lock, then
- * pipe_write_lock; a thread may take a later one while holding an earlier
- * one, never the reverse):
- * - list_write_lock (this file): the request list, the two indexes below and
- *   every request and service record reached through them. Never held across
- *   a client callback, a select() or a pipe read or write.
- * - curl_mutex_lock (the engine): the multi handle and the active transfers.
- *   Taken under list_write_lock when a sweep or a cancel tears a transfer
- *   down. Never held across a pipe write: finished transfers are reported
- *   after it is released.
- * - pipe_write_lock (the processing pipe): one record write. Nobody holds it
- *   while waiting for anything but that write.
- * - delivery_lock (this file): the callbacks running right now. Taken under
- *   list_write_lock or alone; nothing is taken under it.
- * - The public-call gate (registration): shared by public calls and by
- *   deliveries while they use the list, exclusive while the library is
- *   brought up or taken down. Taken before list_write_lock.
+ * It is the only writer of those records: other files ask it to add, check,
+ * answer, hand over, sweep and forget, and no code of another file runs while
+ * it holds list_write_lock (the locks and their order: url-downloader-locks.h).
  *
  * Ownership. A record is freed here and only here, once nothing refers to
  * it any more: its entry has left the list, no download or cancel message
@@ -53,13 +39,10 @@
 
 namespace {
 
-pthread_mutex_t list_write_lock;
-bool list_write_lock_initialised;
-
 // Newest first, of url_downloader_request_entry_t*, and its length (the
 // log reports it; counting would walk the list on every delivery).
-GList* request_list = NULL;
-int request_count = 0;
+GList* request_list UD_GUARDED_BY(list_write_lock) = NULL;
+int request_count UD_GUARDED_BY(list_write_lock) = 0;
 
 // What holds one request record (see the ownership rules above).
 struct Held {
@@ -71,10 +54,10 @@ struct Held {
     bool delivering; // its client callback is running
 };
 
-GHashTable* requests = NULL; // url_downloader_api_h -> Held*
-GHashTable* services = NULL; // url_downloader_h -> its registration entry's node
+GHashTable* requests UD_GUARDED_BY(list_write_lock) = NULL; // url_downloader_api_h -> Held*
+GHashTable* services UD_GUARDED_BY(list_write_lock) = NULL; // url_downloader_h -> its registration entry's node
 // Tombstones of deregistered services, oldest first.
-GQueue retired_services = G_QUEUE_INIT;
+GQueue retired_services UD_GUARDED_BY(list_write_lock) = G_QUEUE_INIT;
 const guint kRetiredKept = 1024;
 
 // The client callbacks running now, by service and thread.
@@ -87,14 +70,10 @@ std::condition_variable delivery_done;
 GArray* running = NULL;
 
 long number(const void* handle) { return (long)(intptr_t)handle; }
-bool list_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error)
-{
-    return _url_downloader_list_mutex_operation(operation, error);
-}
 
 // Everything below "locked" expects list_write_lock to be held.
 
-void make_indexes_locked()
+void make_indexes_locked() UD_REQUIRES(list_write_lock)
 {
     if (requests == NULL)
         requests = g_hash_table_new_full(g_direct_hash, g_direct_equal, NULL, g_free);
@@ -102,24 +81,24 @@ void make_indexes_locked()
         services = g_hash_table_new(g_direct_hash, g_direct_equal);
 }
 
-Held* held_locked(url_downloader_api_h api)
+Held* held_locked(url_downloader_api_h api) UD_REQUIRES(list_write_lock)
 {
     return requests != NULL ? (Held*)g_hash_table_lookup(requests, api) : NULL;
 }
 
-bool registered_locked(url_downloader_h service)
+bool registered_locked(url_downloader_h service) UD_REQUIRES(list_write_lock)
 {
     return services != NULL && g_hash_table_contains(services, service);
 }
 
-void unlink_node_locked(GList* node)
+void unlink_node_locked(GList* node) UD_REQUIRES(list_write_lock)
 {
     free(node->data);
     request_list = g_list_delete_link(request_list, node);
     --request_count;
 }
 
-void unlist_locked(Held* held)
+void unlist_locked(Held* held) UD_REQUIRES(list_write_lock)
 {
     if (held->node != NULL)
         unlink_node_locked(held->node);
@@ -162,7 +141,7 @@ void free_api(url_downloader_api_t* api)
 }
 
 // Frees the request when nothing holds it any more; true when it did.
-bool release_locked(url_downloader_api_h api, Held* held)
+bool release_locked(url_downloader_api_h api, Held* held) UD_REQUIRES(list_write_lock)
 {
     if (held->node != NULL || held->submitted || held->cancels > 0 || held->transfer || held->delivery != 0 ||
         held->delivering)
@@ -184,7 +163,7 @@ void free_service_fields(url_downloader_h service)
     }
 }
 
-void retire_service_locked(url_downloader_h service)
+void retire_service_locked(url_downloader_h service) UD_REQUIRES(list_write_lock)
 {
     free_service_fields(service);
     service->callback = NULL;
@@ -201,7 +180,7 @@ void retire_service_locked(url_downloader_h service)
 // Tears the request's transfer down when it is running; true when there was
 // one. A transfer that has already finished is not found: its response is on
 // the way and keeps holding the record.
-bool cancel_transfer_locked(url_downloader_api_h api, Held* held)
+bool cancel_transfer_locked(url_downloader_api_h api, Held* held) UD_REQUIRES(list_write_lock)
 {
     if (!held->transfer)
         return false;
@@ -225,9 +204,11 @@ bool is_running_elsewhere(url_downloader_h service)
 
 } // namespace
 
+UdLock list_write_lock = {PTHREAD_MUTEX_INITIALIZER, false, _url_downloader_list_mutex_operation};
+
 bool _url_downloader_list_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error)
 {
-    return _url_downloader_named_mutex_operation(&list_write_lock, &list_write_lock_initialised, __FUNCTION__,
+    return _url_downloader_named_mutex_operation(&list_write_lock.mutex, &list_write_lock.initialised, __FUNCTION__,
                                                  "list_write_lock", operation, error);
 }
 
@@ -240,13 +221,13 @@ bool _url_downloader_prepend_request_list(url_downloader_h service, url_download
     req_handle->service = service;
     req_handle->api = api;
 
-    UdScopedLock lock(list_operation);
+    UdScopedLock lock(list_write_lock);
     if (!lock.Held()) {
         *error = lock.Error();
         free(req_handle);
         return false;
     }
-    if (api != NULL && !registered_locked(service)) {
+    if (api != NULL && !_url_downloader_validate_sercvice_handle(service)) {
         *error = URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
         free(req_handle);
         return false;
@@ -270,33 +251,21 @@ bool _url_downloader_prepend_request_list(url_downloader_h service, url_download
     return true;
 }
 
-namespace {
-// The two validations: looks the handle up under the lock, logging a lock
-// failure under func; *found tells whether it is listed.
-template <typename Lookup>
-bool look_up(const char* func, Lookup listed, bool* found)
-{
-    UdScopedLock lock(list_operation);
-    if (lock.Held()) {
-        *found = listed();
-        if (lock.Release())
-            return true;
-    }
-    UD_ERROR_AS(func, "Mutex Lock/Unlocking Error, code=[%d]\n", (int)lock.Error());
-    return false;
-}
-} // namespace
-
 bool _url_downloader_validate_sercvice_handle(url_downloader_h service)
 {
     UD_BEGIN();
-    bool found = false;
-    if (!look_up(__FUNCTION__, [service] { return registered_locked(service); }, &found))
-        return false;
-    if (found)
-        UD_DEBUG("Valid service %ld", number(service));
-    UD_END();
-    return found;
+    UdScopedLock lock(list_write_lock);
+    if (lock.Held()) {
+        const bool found = registered_locked(service);
+        if (found)
+            UD_DEBUG("Valid service %ld", number(service));
+        if (lock.Release()) {
+            UD_END();
+            return found;
+        }
+    }
+    UD_ERROR("Mutex Lock/Unlocking Error, code=[%d]\n", (int)lock.Error());
+    return false;
 }
 
 bool _url_downloader_validate_api_handle(url_downloader_api_h api)
@@ -306,14 +275,19 @@ bool _url_downloader_validate_api_handle(url_downloader_api_h api)
         UD_ERROR("NULL api-handle");
         return false;
     }
-    bool found = false;
-    if (!look_up(__FUNCTION__, [api] { Held* held = held_locked(api); return held != NULL && held->node != NULL; },
-                 &found))
-        return false;
-    if (found)
-        UD_DEBUG("Valid api handle %ld", number(api));
-    UD_END();
-    return found;
+    UdScopedLock lock(list_write_lock);
+    if (lock.Held()) {
+        const Held* held = held_locked(api);
+        const bool found = held != NULL && held->node != NULL;
+        if (found)
+            UD_DEBUG("Valid api handle %ld", number(api));
+        if (lock.Release()) {
+            UD_END();
+            return found;
+        }
+    }
+    UD_ERROR("Mutex Lock/Unlocking Error, code=[%d]\n", (int)lock.Error());
+    return false;
 }
 
 namespace {
@@ -322,7 +296,7 @@ namespace {
 // address comes back only that much later.
 url_downloader_service_t* reuse_tombstone()
 {
-    UdScopedLock lock(list_operation);
+    UdScopedLock lock(list_write_lock);
     if (!lock.Held() || retired_services.length <= kRetiredKept)
         return NULL;
     url_downloader_service_t* service = (url_downloader_service_t*)g_queue_pop_head(&retired_services);
@@ -384,27 +358,60 @@ void _url_downloader_discard_request(url_downloader_api_h api)
         free_api(api);
 }
 
-bool _url_downloader_with_service(url_downloader_h service, void (*apply)(url_downloader_h, void*), void* arg)
+bool _url_downloader_replace_proxy(url_downloader_h service, const char* proxy)
 {
-    UdScopedLock lock(list_operation);
-    if (!lock.Held() || !registered_locked(service))
+    char* copy = strdup(proxy);
+    UD_ASSERT_ALLOC(copy);
+    UdScopedLock lock(list_write_lock);
+    if (!lock.Held() || !_url_downloader_validate_sercvice_handle(service)) {
+        free(copy);
         return false;
-    if (apply != NULL)
-        apply(service, arg);
+    }
+    if (service->fwConfig == NULL) {
+        service->fwConfig = (url_downloader_config_t*)calloc(1, sizeof(url_downloader_config_t));
+        UD_ASSERT_ALLOC(service->fwConfig);
+    }
+    free(service->fwConfig->proxy);
+    service->fwConfig->proxy = copy;
+    return lock.Release();
+}
+
+bool _url_downloader_silence_service(url_downloader_h service)
+{
+    UdScopedLock lock(list_write_lock);
+    if (!lock.Held() || !_url_downloader_validate_sercvice_handle(service))
+        return false;
+    service->callback = NULL; // delivery reads it under this lock
+    return lock.Release();
+}
+
+bool _url_downloader_copy_service_name(url_downloader_h service, char** appName)
+{
+    *appName = NULL;
+    UdScopedLock lock(list_write_lock);
+    if (!lock.Held() || !_url_downloader_validate_sercvice_handle(service))
+        return false;
+    if (service->appName != NULL) {
+        *appName = strdup(service->appName);
+        UD_ASSERT_ALLOC(*appName);
+    }
     return lock.Release();
 }
 
 char* _url_downloader_copy_service_proxy(url_downloader_h service)
 {
-    UdScopedLock lock(list_operation);
-    if (!lock.Held() || !registered_locked(service) || service->fwConfig == NULL || service->fwConfig->proxy == NULL)
+    UdScopedLock lock(list_write_lock);
+    if (!lock.Held() || !_url_downloader_validate_sercvice_handle(service) || service->fwConfig == NULL ||
+        service->fwConfig->proxy == NULL)
         return NULL;
-    return strdup(service->fwConfig->proxy);
+    char* proxy = strdup(service->fwConfig->proxy);
+    UD_ASSERT_ALLOC(proxy);
+    return proxy;
 }
 
 void _url_downloader_withdraw_request(url_downloader_api_h api)
 {
-    UdScopedLock lock(list_operation);
+    UdScopedLock lock(list_write_lock);
     Held* held = lock.Held() ? held_locked(api) : NULL;
     if (held == NULL)
         return;
@@ -415,17 +422,16 @@ void _url_downloader_withdraw_request(url_downloader_api_h api)
 
 bool _url_downloader_pin_for_cancel(url_downloader_api_h api)
 {
-    UdScopedLock lock(list_operation);
-    Held* held = lock.Held() && api != NULL ? held_locked(api) : NULL;
-    if (held == NULL || held->node == NULL)
+    UdScopedLock lock(list_write_lock);
+    if (!lock.Held() || !_url_downloader_validate_api_handle(api))
         return false;
-    held->cancels++;
+    held_locked(api)->cancels++;
     return true;
 }
 
 void _url_downloader_unpin_cancel(url_downloader_api_h api)
 {
-    UdScopedLock lock(list_operation);
+    UdScopedLock lock(list_write_lock);
     Held* held = lock.Held() ? held_locked(api) : NULL;
     if (held == NULL || held->cancels == 0)
         return;
@@ -445,12 +451,12 @@ namespace {
 // else the request is freed once nothing else holds it.
 bool drop_hold(url_downloader_api_h api, bool Held::*hold)
 {
-    UdScopedLock lock(list_operation);
+    UdScopedLock lock(list_write_lock);
     Held* held = lock.Held() ? held_locked(api) : NULL;
     if (held == NULL)
         return false;
     held->*hold = false;
-    if (held->node != NULL)
+    if (_url_downloader_validate_api_handle(api))
         return true;
     release_locked(api, held); // swept while the message was on its way
     return false;
@@ -472,7 +478,7 @@ bool _url_downloader_start_transfer(url_downloader_api_h api)
     // (a lock that would not be released): it reports back all the same.
     if (!added && api->transferActive == 0)
         return false;
-    UdScopedLock lock(list_operation);
+    UdScopedLock lock(list_write_lock);
     Held* held = lock.Held() ? held_locked(api) : NULL;
     if (held != NULL)
         held->transfer = true;
@@ -486,23 +492,29 @@ bool _url_downloader_claim_response(url_downloader_api_h api)
 
 bool _url_downloader_cancel_running(url_downloader_api_h api)
 {
-    UdScopedLock lock(list_operation);
+    UdScopedLock lock(list_write_lock);
     Held* held = lock.Held() && api != NULL ? held_locked(api) : NULL;
     if (held == NULL)
         return false;
     if (held->cancels > 0)
         held->cancels--;
-    if (held->node != NULL && cancel_transfer_locked(api, held))
+    if (_url_downloader_validate_api_handle(api) && cancel_transfer_locked(api, held))
         return true;
     release_locked(api, held);
     return false;
 }
 
-void _url_downloader_sweep(url_downloader_h service, bool withRegistration, bool allServices,
-                           url_downloader_error* error)
+void _url_downloader_execute_cancel_all_request(url_downloader_message_t* message, bool withRegistration,
+                                                bool allServices, url_downloader_error* error)
 {
-    const char* func = "_url_downloader_execute_cancel_all_request";
-    UdScopedLock lock(list_operation);
+    UD_BEGIN();
+    if (message == NULL || error == NULL) {
+        UD_ERROR("Invalid input param");
+        return;
+    }
+    *error = URL_DOWNLOADER_ERROR_NONE;
+    const url_downloader_h service = message->service;
+    UdScopedLock lock(list_write_lock);
     if (!lock.Held()) {
         *error = lock.Error();
         return;
@@ -517,7 +529,7 @@ void _url_downloader_sweep(url_downloader_h service, bool withRegistration, bool
         }
         if (entry->api == NULL) {
             url_downloader_h gone = entry->service;
-            UD_DEBUG_AS(func, "Service registration entry for %s app removed from list", ud_printable(gone->appName));
+            UD_DEBUG("Service registration entry for %s app removed from list", ud_printable(gone->appName));
             g_hash_table_remove(services, gone);
             unlink_node_locked(node);
             retire_service_locked(gone);
@@ -530,14 +542,32 @@ void _url_downloader_sweep(url_downloader_h service, bool withRegistration, bool
                 unlist_locked(held);
                 cancel_transfer_locked(api, held);
                 if (release_locked(api, held))
-                    UD_DEBUG_AS(func, "Freeing api-handle %ld", number(api));
+                    UD_DEBUG("Freeing api-handle %ld", number(api));
             }
         }
         node = next;
     }
-    UD_DEBUG_AS(func, "List count is %d", request_count);
-    if (!lock.Release())
+    UD_DEBUG("List count is %d", request_count);
+    if (!lock.Release()) {
         *error = lock.Error();
+        return;
+    }
+    UD_END();
+}
+
+void _url_downloader_set_outcome(url_downloader_api_h api, url_downloader_error outcome, const char* servedPath)
+{
+    UdScopedLock lock(list_write_lock);
+    api->error = outcome;
+    if (outcome != URL_DOWNLOADER_ERROR_NONE) {
+        free(api->filePath);
+        api->filePath = NULL;
+    } else if (servedPath != NULL && (api->filePath == NULL || strcmp(api->filePath, servedPath) != 0)) {
+        char* copy = strdup(servedPath);
+        UD_ASSERT_ALLOC(copy);
+        free(api->filePath);
+        api->filePath = copy;
+    }
 }
 
 void _url_downloader_queue_delivery(url_downloader_api_h api, GSourceFunc deliver)
@@ -545,7 +575,7 @@ void _url_downloader_queue_delivery(url_downloader_api_h api, GSourceFunc delive
     // Queued and recorded in one locked section: the delivery takes the lock
     // first, so it always finds itself recorded, and the lock publishes the
     // request's outcome to the main-loop thread.
-    UdScopedLock lock(list_operation);
+    UdScopedLock lock(list_write_lock);
     if (api != NULL)
         api->transferActive = 0;
     guint id = g_idle_add(deliver, api);
@@ -554,34 +584,30 @@ void _url_downloader_queue_delivery(url_downloader_api_h api, GSourceFunc delive
         held->delivery = id;
 }
 
-bool _url_downloader_begin_delivery(url_downloader_api_h api, url_downloader_delivery_t* out)
+url_downloader_delivery_start_t _url_downloader_begin_delivery(url_downloader_api_h api,
+                                                               url_downloader_delivery_t* out)
 {
-    const char* func = "_url_downloader_idle_callback";
-    UdScopedLock lock(list_operation);
+    UdScopedLock lock(list_write_lock);
     if (!lock.Held())
-        return false;
+        return URL_DOWNLOADER_DELIVERY_GONE;
     // Only the source that was queued for this record may deliver it: a
     // source left over from before a finalization may meet a new record at
     // the same address.
     GSource* current = g_main_current_source();
     guint id = current != NULL ? g_source_get_id(current) : 0;
     Held* held = held_locked(api);
-    if (held == NULL || held->delivery == 0 || (id != 0 && held->delivery != id)) {
-        UD_ERROR_AS(func, "Entry not found in the global list, so returning");
-        return false;
-    }
+    if (held == NULL || held->delivery == 0 || (id != 0 && held->delivery != id))
+        return URL_DOWNLOADER_DELIVERY_GONE;
     held->delivery = 0;
-    if (held->node == NULL) { // swept while it waited: no callback
-        UD_ERROR_AS(func, "Entry not found in the global list, so returning");
+    if (!_url_downloader_validate_api_handle(api)) { // swept while it waited: no callback
         release_locked(api, held);
-        return false;
+        return URL_DOWNLOADER_DELIVERY_GONE;
     }
-    UD_DEBUG_AS(func, "Valid api handle");
     url_downloader_callback_t callback = api->service != NULL ? api->service->callback : NULL;
     if (callback == NULL) {
         unlist_locked(held);
         release_locked(api, held);
-        return false;
+        return URL_DOWNLOADER_DELIVERY_SILENT;
     }
     held->delivering = true;
     *out = {callback, api->service, delivered_path(api), (void*)api->userData, api->error};
@@ -590,19 +616,20 @@ bool _url_downloader_begin_delivery(url_downloader_api_h api, url_downloader_del
         running = g_array_new(FALSE, FALSE, sizeof(Running));
     Running self = {api->service, pthread_self()};
     g_array_append_val(running, self);
-    return true;
+    return URL_DOWNLOADER_DELIVERY_CALL;
 }
 
-void _url_downloader_end_delivery(url_downloader_api_h api, url_downloader_h service)
+int _url_downloader_end_delivery(url_downloader_api_h api, url_downloader_h service)
 {
+    int left = -1;
     {
-        UdScopedLock lock(list_operation);
+        UdScopedLock lock(list_write_lock);
         Held* held = lock.Held() ? held_locked(api) : NULL;
         if (held != NULL) {
-            unlist_locked(held);
-            UD_DEBUG_AS("_url_downloader_idle_callback",
-                        "Request removed from the list for api-handle %ld, remaining list count is %d", number(api),
-                        request_count);
+            if (held->node != NULL) {
+                unlist_locked(held);
+                left = request_count;
+            }
             held->delivering = false;
             release_locked(api, held);
         }
@@ -617,11 +644,12 @@ void _url_downloader_end_delivery(url_downloader_api_h api, url_downloader_h ser
         }
     }
     delivery_done.notify_all();
+    return left;
 }
 
 void _url_downloader_forget_all(void)
 {
-    UdScopedLock lock(list_operation);
+    UdScopedLock lock(list_write_lock);
     if (requests != NULL) {
         GHashTableIter it;
         gpointer key, value;

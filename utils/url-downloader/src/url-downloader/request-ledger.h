@@ -1,8 +1,8 @@
-/* The request ledger: the one owner of the request list and of every service
- * and request record from registration or submission until it is freed.
- * Other files ask it to add, hand over, sweep and forget; none of them
- * touches list links or frees a record. See request-ledger.cpp for the lock
- * map and the ownership rules. */
+/* The request ledger: the one owner and writer of the request list and of
+ * every service and request record from registration or submission until it
+ * is freed. Other files ask it to add, check, answer, hand over, sweep and
+ * forget; none of them touches list links or writes or frees a record. See
+ * request-ledger.cpp for the ownership rules. */
 #ifndef URL_DOWNLOADER_REQUEST_LEDGER_H
 #define URL_DOWNLOADER_REQUEST_LEDGER_H
 
@@ -17,6 +17,10 @@
  * (checked and added in one locked section, so that a deregistration cannot
  * come in between). A request entry starts owned by its download message. */
 bool _url_downloader_prepend_request_list(url_downloader_h service, url_downloader_api_h api, url_downloader_error* error);
+/* Whether the service, or the request, is listed now. Addresses only: a dead
+ * handle is refused without its record being read. Every check of a handle
+ * goes through these two; a ledger operation that must act on the answer
+ * calls them inside its own locked section (the lock is recursive). */
 bool _url_downloader_validate_sercvice_handle(url_downloader_h service);
 bool _url_downloader_validate_api_handle(url_downloader_api_h api);
 bool _url_downloader_list_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error);
@@ -32,9 +36,14 @@ url_downloader_api_h _url_downloader_new_request(url_downloader_h service, const
                                                  bool useCache, const void* userData);
 /* Frees a request record that never got into the list. */
 void _url_downloader_discard_request(url_downloader_api_h api);
-/* Runs apply(service, arg) under the list lock while the service is
- * registered; false (and nothing run) when it is not or the lock failed. */
-bool _url_downloader_with_service(url_downloader_h service, void (*apply)(url_downloader_h, void*), void* arg);
+/* Each of these acts on a registered service only, in the locked section
+ * that found it registered, and returns false when it is not. */
+/* Replaces the service's proxy with a copy of proxy. */
+bool _url_downloader_replace_proxy(url_downloader_h service, const char* proxy);
+/* Silences the service: its results are no longer called back. */
+bool _url_downloader_silence_service(url_downloader_h service);
+/* Stores a copy of the service's name (free it), or NULL, in *appName. */
+bool _url_downloader_copy_service_name(url_downloader_h service, char** appName);
 /* The download message of a listed request could not be written: takes the
  * request back and frees it. */
 void _url_downloader_withdraw_request(url_downloader_api_h api);
@@ -63,13 +72,19 @@ bool _url_downloader_start_transfer(url_downloader_api_h api);
 bool _url_downloader_claim_response(url_downloader_api_h api);
 /* Handles a cancel message: tears the request's running transfer down and
  * returns true when there was one (the request is then the caller's to
- * deliver with 16). */
+ * answer with 16). */
 bool _url_downloader_cancel_running(url_downloader_api_h api);
-/* The request sweep: drops the selected entries without callbacks. */
-void _url_downloader_sweep(url_downloader_h service, bool withRegistration, bool allServices,
-                           url_downloader_error* error);
-/* Hands the request to delivery: queues deliver(api) as an idle source on the
- * default main context. */
+/* The request's outcome: sets its error and, on a failure, drops its path
+ * (the callback gets NULL); on a success served from another file, the path
+ * becomes a copy of servedPath. (_url_downloader_answer_request sets it and
+ * hands the request to delivery.) */
+void _url_downloader_set_outcome(url_downloader_api_h api, url_downloader_error outcome, const char* servedPath);
+/* The request sweep: drops the selected entries of the message's service (or
+ * of every service) without callbacks, registration entries too when asked. */
+void _url_downloader_execute_cancel_all_request(url_downloader_message_t* message, bool withRegistration,
+                                                bool allServices, url_downloader_error* error);
+/* Queues deliver(api) as an idle source on the default main context, for
+ * the request handed over; the hand-over of _url_downloader_resp_callback. */
 void _url_downloader_queue_delivery(url_downloader_api_h api, GSourceFunc deliver);
 
 /* ---- the client's main loop ---- */
@@ -83,14 +98,19 @@ typedef struct url_downloader_delivery_t {
     int error;
 } url_downloader_delivery_t;
 
-/* Starts the delivery of the request queued by the running idle source: true
- * when the callback is to be called with *out; the record then stays alive
- * (and listed) until _url_downloader_end_delivery. False when there is
- * nothing to call: the request was swept, is not this source's, or its
- * service has no callback (it is then removed and freed). */
-bool _url_downloader_begin_delivery(url_downloader_api_h api, url_downloader_delivery_t* out);
-/* The callback has returned: removes the request and frees it. */
-void _url_downloader_end_delivery(url_downloader_api_h api, url_downloader_h service);
+typedef enum {
+    URL_DOWNLOADER_DELIVERY_CALL,   /* call the callback with *out */
+    URL_DOWNLOADER_DELIVERY_GONE,   /* swept, or not this source's: nothing to do */
+    URL_DOWNLOADER_DELIVERY_SILENT  /* no callback: removed and freed */
+} url_downloader_delivery_start_t;
+
+/* Starts the delivery of the request queued by the running idle source. On
+ * CALL the record stays alive (and listed) until _url_downloader_end_delivery. */
+url_downloader_delivery_start_t _url_downloader_begin_delivery(url_downloader_api_h api,
+                                                               url_downloader_delivery_t* out);
+/* The callback has returned: removes the request and frees it. Returns the
+ * number of entries left, or -1 when the request had already left the list. */
+int _url_downloader_end_delivery(url_downloader_api_h api, url_downloader_h service);
 
 /* ---- finalization ---- */
 

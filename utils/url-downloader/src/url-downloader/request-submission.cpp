@@ -19,9 +19,11 @@ url_downloader_error url_downloader_download(url_downloader_h service, const cha
     }
     *handle = NULL;
     UdPublicCall call;
-    url_downloader_error checked = call.CheckService(__FUNCTION__, service);
-    if (checked != URL_DOWNLOADER_ERROR_NONE)
+    url_downloader_error checked = call.CheckService(service);
+    if (checked != URL_DOWNLOADER_ERROR_NONE) {
+        UD_ERROR("%s", UdPublicCall::Refusal(checked));
         return checked;
+    }
     if (filePath == NULL) {
         UD_ERROR("NULL filename");
         return URL_DOWNLOADER_ERROR_INVALID_FILE_PATH;
@@ -46,8 +48,7 @@ url_downloader_error url_downloader_download(url_downloader_h service, const cha
         return error;
     }
 
-    error = _url_downloader_send_message(URL_DOWNLOADER_MSG_DOWNLOAD_REQUEST, service, api, NULL);
-    if (error != URL_DOWNLOADER_ERROR_NONE) {
+    if (!_url_downloader_send_message(URL_DOWNLOADER_MSG_DOWNLOAD_REQUEST, service, api, NULL, &error)) {
         UD_ERROR("Writing message to pipe failed");
         _url_downloader_withdraw_request(api);
         return error;
@@ -66,21 +67,24 @@ url_downloader_error url_downloader_cancel_request(url_downloader_h service, url
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
     UdPublicCall call;
-    url_downloader_error checked = call.CheckService(__FUNCTION__, service);
-    if (checked != URL_DOWNLOADER_ERROR_NONE)
+    url_downloader_error checked = call.CheckService(service);
+    if (checked != URL_DOWNLOADER_ERROR_NONE) {
+        UD_ERROR("%s", UdPublicCall::Refusal(checked));
         return checked;
+    }
     // Pinned until its cancel message is handled, so that the address
     // cannot be taken by a new request before then.
     if (!_url_downloader_pin_for_cancel(api)) {
         UD_ERROR("Invalid api handle");
         return URL_DOWNLOADER_ERROR_INVALID_API_HANDLE;
     }
-    url_downloader_error error = _url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_REQUEST, service, api, NULL);
-    if (error == URL_DOWNLOADER_ERROR_NONE)
-        UD_END();
-    else
+    url_downloader_error error = URL_DOWNLOADER_ERROR_NONE;
+    if (!_url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_REQUEST, service, api, NULL, &error)) {
         _url_downloader_unpin_cancel(api);
-    return error;
+        return error;
+    }
+    UD_END();
+    return URL_DOWNLOADER_ERROR_NONE;
 }
 
 url_downloader_error url_downloader_cancel_all_requests(url_downloader_h service)
@@ -90,11 +94,24 @@ url_downloader_error url_downloader_cancel_all_requests(url_downloader_h service
         UD_ERROR("NULL service");
         return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     }
-    url_downloader_error error = _url_downloader_drop_and_wait(
-        __FUNCTION__, service, URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, &url_downloader_cancel_all_sem,
-        "Waiting till all the requests are cancelled by processing thread", "Cancelled all the requests");
-    if (error != URL_DOWNLOADER_ERROR_NONE)
-        return error;
+    {
+        UdPublicCall call;
+        url_downloader_error error = call.CheckService(service);
+        if (error != URL_DOWNLOADER_ERROR_NONE) {
+            UD_ERROR("%s", UdPublicCall::Refusal(error));
+            return error;
+        }
+        uint64_t ticket = 0;
+        if (!_url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, service, NULL, &ticket, &error))
+            return error;
+        UD_DEBUG("Waiting till all the requests are cancelled by processing thread");
+        if (_url_downloader_wait_reply(&url_downloader_cancel_all_sem, URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, ticket))
+            UD_DEBUG("Cancelled all the requests");
+    }
+    // A callback of the service that began before the sweep may still be
+    // running on the main loop's thread; the caller may free what it uses
+    // once this returns.
+    _url_downloader_wait_for_deliveries(service);
     UD_END();
     return URL_DOWNLOADER_ERROR_NONE;
 }

@@ -11,6 +11,12 @@ bool _url_downloader_resp_callback(url_downloader_api_h api)
     return true;
 }
 
+void _url_downloader_answer_request(url_downloader_api_h api, url_downloader_error outcome, const char* servedPath)
+{
+    _url_downloader_set_outcome(api, outcome, servedPath);
+    _url_downloader_resp_callback(api);
+}
+
 gboolean _url_downloader_idle_callback(void* data)
 {
     UD_BEGIN();
@@ -26,7 +32,12 @@ gboolean _url_downloader_idle_callback(void* data)
     url_downloader_delivery_t delivery;
     {
         UdPublicCall call;
-        if (!call.LibraryUp() || !_url_downloader_begin_delivery(api, &delivery))
+        if (!call.LibraryUp())
+            return FALSE;
+        url_downloader_delivery_start_t start = _url_downloader_begin_delivery(api, &delivery);
+        if (start == URL_DOWNLOADER_DELIVERY_GONE)
+            UD_ERROR("Entry not found in the global list, so returning");
+        if (start != URL_DOWNLOADER_DELIVERY_CALL)
             return FALSE;
     }
 
@@ -39,7 +50,12 @@ gboolean _url_downloader_idle_callback(void* data)
         // Even across a finalization (which leaves a running delivery's
         // request to it), so this waits one out rather than being refused.
         UdPublicCall call(false);
-        _url_downloader_end_delivery(api, delivery.service);
+        const int left = _url_downloader_end_delivery(api, delivery.service);
+        if (left >= 0) {
+            UD_DEBUG("Valid api handle");
+            UD_DEBUG("Request removed from the list for api-handle %ld, remaining list count is %d",
+                     (long)(intptr_t)api, left);
+        }
     }
     UD_END();
     return FALSE;
