@@ -335,7 +335,7 @@ TEST_F(CacheTest, OnlyTheCachesGroupSharesItAndOthersDownloadWithoutIt)
                                 Deliveries::All().back().path.value_or("NULL");
             }
             url_downloader_finalize();
-            if (complaint.empty() && (log.Count(kError, "URLCacheManager", "DBConnect failed with:14") != open_failures ||
+            if (complaint.empty() && (log.Count(kError, "", "DBConnect failed with:14") != open_failures ||
                                       log.ContainsText("SQL error") || log.ContainsText("sqlite3_prepare returned")))
                 complaint = "not " + std::to_string(open_failures) + " failed opens and no other database error";
             sqlite3* db = nullptr;
@@ -431,7 +431,7 @@ TEST_F(CacheTest, APeersLongLockCostsOneBusyWaitAndLosesNoAdmission)
         }
         EXPECT_LE(swept[0], bound) << "cleans and cancel-all";
         EXPECT_LE(swept[1], bound) << "deregistration";
-        EXPECT_EQ(1u, log.Count(kError, "url_cache_db", "Cache database locked by another process for 2000 ms: the "
+        EXPECT_EQ(1u, log.Count(kError, "start_lock_episode", "Cache database locked by another process for 2000 ms: the "
                                                         "cache is bypassed until the lock is gone"));
         sqlite3_exec(peer.db, "ROLLBACK", nullptr, nullptr, nullptr);
         EXPECT_TRUE(RunMainLoopUntil([] { return CountCacheRows("url like '%/f%'") == kFiles; }, 10s))
@@ -497,7 +497,7 @@ TEST_F(CacheTest, TheDatabaseIsNeverFollowedThroughASymlinkAndAReplacedOneIsOpen
         EXPECT_EQ(1, CountCacheRows()) << url << " is not the one row of the file at the path";
         EXPECT_EQ(1, CountCacheRows("url='" + std::string(url) + "'")) << url;
     }
-    EXPECT_EQ(2u, log.Count(kError, "url_cache_db", "Cache database " + CacheDbPath() +
+    EXPECT_EQ(2u, log.Count(kError, "reopen_if_replaced", "Cache database " + CacheDbPath() +
                                                         " was replaced or deleted while in use: it is opened afresh"));
 }
 

@@ -1,3 +1,4 @@
+#include <new>
 #include <inttypes.h>
 
 #include "url-cache-manager.h"
@@ -39,7 +40,8 @@ int64_t URLCacheManager::getUrlCacheSize()
 int64_t URLCacheManager::cleanUrlCache()
 {
     UD_BEGIN();
-    UrlCache* scratch = new UrlCache();
+    UrlCache* scratch = new (std::nothrow) UrlCache();
+    UD_ASSERT_ALLOC(scratch);
     char* query = sqlite3_mprintf("select * from %s order by %s %s limit %d", URL_CACHE_TABLE_NAME,
                                   URL_CACHE_TRIM_ORDER_COLUMN, URL_CACHE_TRIM_ORDER, URL_CACHE_CLEAN_BATCH);
     if (query == NULL) {

@@ -56,9 +56,8 @@ void start_lock_episode()
         return;
     lock_episode = true;
     next_open_try_ms = ud_monotonic_ms() + URL_CACHE_REOPEN_INTERVAL_MS;
-    UD_ERROR_AS("url_cache_db",
-                "Cache database locked by another process for %d ms: the cache is bypassed until the lock is gone",
-                URL_CACHE_BUSY_TIMEOUT_MS);
+    UD_ERROR("Cache database locked by another process for %d ms: the cache is bypassed until the lock is gone",
+             URL_CACHE_BUSY_TIMEOUT_MS);
 }
 
 /* SQLite's busy handler: waits while another connection holds a lock, for at
@@ -101,12 +100,13 @@ ino_t opened_inode = 0;
 
 bool is_opened_file(const struct stat& info) { return info.st_dev == opened_device && info.st_ino == opened_inode; }
 
-/* Opens the database and makes the table; cache_db_lock held. A database
+/* Opens the database and makes the table, logging under func (the operation
+ * that opens it); cache_db_lock held. A database
  * that could not be opened for a passing reason is tried again by the next
  * statement; one locked by another process by the next write batch; one this
  * process may not write never again (one line in the log, not one per
  * request). */
-bool open_locked()
+bool open_locked(const char* func)
 {
     if (cache_db_handle != NULL)
         return true;
@@ -124,7 +124,7 @@ bool open_locked()
         ret = SQLITE_READONLY;
     }
     if (ret != 0) {
-        UD_ERROR_AS("URLCacheManager", "DBConnect failed with:%d", ret);
+        UD_ERROR_AS(func, "DBConnect failed with:%d", ret);
         if (is_code(ret, SQLITE_BUSY) || is_code(ret, SQLITE_LOCKED))
             start_lock_episode();
         else if (is_code(ret, SQLITE_CANTOPEN) || is_code(ret, SQLITE_PERM) || is_code(ret, SQLITE_READONLY) ||
@@ -143,12 +143,12 @@ bool open_locked()
 
     char query[URL_CACHE_QUERY_SIZE];
     snprintf(query, sizeof(query), URL_CACHE_CREATE_TABLE_FORMAT, URL_CACHE_TABLE_NAME);
-    UD_DEBUG_AS("URLCacheManager", "Query: [%s]", query);
+    UD_DEBUG_AS(func, "Query: [%s]", query);
     char* errmsg = NULL;
     ret = url_cache_db_note(sqlite3_exec(cache_db_handle, query, NULL, NULL, &errmsg));
     if (ret != SQLITE_OK) {
-        UD_DEBUG_AS("URLCacheManager", "Query: [%s]", query);
-        UD_ERROR_AS("URLCacheManager", "SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
+        UD_DEBUG_AS(func, "Query: [%s]", query);
+        UD_ERROR_AS(func, "SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
         sqlite3_free(errmsg);
     }
     return true;
@@ -179,7 +179,7 @@ void recover_if_corrupt()
         if (from != NULL && aside != NULL) {
             snprintf(aside, size, "%s.corrupt", path);
             rename(path, aside);
-            UD_ERROR_AS("url_cache_db", "Cache database %s is corrupt: moved aside to %s, a new one is made", path,
+            UD_ERROR("Cache database %s is corrupt: moved aside to %s, a new one is made", path,
                         aside);
             snprintf(from, size, "%s-wal", path);
             snprintf(aside, size, "%s.corrupt-wal", path);
@@ -191,7 +191,7 @@ void recover_if_corrupt()
         free(aside);
     }
     free(path);
-    open_locked();
+    open_locked(__FUNCTION__);
 }
 
 /* A database file deleted or replaced under the process (by hand, by a peer
@@ -206,10 +206,10 @@ void reopen_if_replaced()
     struct stat info;
     if (file == NULL || file[0] == '\0' || (lstat(file, &info) == 0 && is_opened_file(info)))
         return;
-    UD_ERROR_AS("url_cache_db", "Cache database %s was replaced or deleted while in use: it is opened afresh", file);
+    UD_ERROR("Cache database %s was replaced or deleted while in use: it is opened afresh", file);
     sqlite3_close_v2(cache_db_handle);
     cache_db_handle = NULL;
-    open_locked();
+    open_locked(__FUNCTION__);
 }
 
 /* Safe without cache_db_lock too: the flags are atomic. */
@@ -266,7 +266,7 @@ url_cache_db_state url_cache_db_open_state(void)
 {
     CacheDbSession session;
     reopen_if_replaced();
-    open_locked();
+    open_locked(__FUNCTION__);
     return current_state();
 }
 
@@ -284,7 +284,7 @@ CacheDbWriteBatch::CacheDbWriteBatch()
             return;
         next_open_try_ms = now + URL_CACHE_REOPEN_INTERVAL_MS;
         lock_episode = false;
-        if (!open_locked()) {
+        if (!open_locked(__FUNCTION__)) {
             start_lock_episode();
             return;
         }
@@ -300,7 +300,7 @@ CacheDbWriteBatch::CacheDbWriteBatch()
     began_ = true;
     if (lock_episode) {
         lock_episode = false;
-        UD_DEBUG_AS("url_cache_db", "Cache database lock gone: the cache is used again");
+        UD_DEBUG("Cache database lock gone: the cache is used again");
     }
 }
 
@@ -312,7 +312,7 @@ bool CacheDbWriteBatch::Commit()
     char* errmsg = NULL;
     int ret = url_cache_db_exec("COMMIT", &errmsg);
     if (ret != SQLITE_OK) {
-        UD_ERROR_AS("url_cache_db", "SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
+        UD_ERROR("SQL error: %s\n", url_cache_db_error_text(errmsg, ret));
         sqlite3_free(errmsg);
         url_cache_db_exec("ROLLBACK", &errmsg);
         sqlite3_free(errmsg);
@@ -346,7 +346,7 @@ int url_cache_db_exec(const char* sql, char** errmsg)
 {
     *errmsg = NULL;
     /* An unopened database fails here like any other statement would. */
-    if (!open_locked())
+    if (!open_locked(__FUNCTION__))
         return lock_episode ? SQLITE_BUSY : SQLITE_MISUSE;
     return url_cache_db_note(sqlite3_exec(cache_db_handle, sql, NULL, NULL, errmsg));
 }
@@ -354,7 +354,7 @@ int url_cache_db_exec(const char* sql, char** errmsg)
 int url_cache_db_prepare(const char* sql, sqlite3_stmt** stmt)
 {
     *stmt = NULL;
-    if (!open_locked())
+    if (!open_locked(__FUNCTION__))
         return lock_episode ? SQLITE_BUSY : SQLITE_MISUSE;
     return url_cache_db_note(sqlite3_prepare(cache_db_handle, sql, (int)strlen(sql), stmt, NULL));
 }
@@ -453,7 +453,7 @@ URLCacheManager::URLCacheManager()
         return;
     }
 
-    if (open_locked())
+    if (open_locked(__FUNCTION__))
         UD_END();
 }
 
@@ -512,13 +512,15 @@ UrlCache* URLCacheManager::findUrlCache(char* url)
         UD_ERROR("URL is NULL");
         return NULL;
     }
-    UrlCache* record = new UrlCache();
+    UrlCache* record = new (std::nothrow) UrlCache();
+    UD_ASSERT_ALLOC(record);
     return read_one_row(__FUNCTION__, record, sqlite3_mprintf("select * from %s where url=%Q", URL_CACHE_TABLE_NAME, url));
 }
 
 UrlCache* URLCacheManager::getUrlCache(int64_t id)
 {
     UD_BEGIN();
-    UrlCache* record = new UrlCache();
+    UrlCache* record = new (std::nothrow) UrlCache();
+    UD_ASSERT_ALLOC(record);
     return read_one_row(__FUNCTION__, record, sqlite3_mprintf("select * from %s where id=%lld", URL_CACHE_TABLE_NAME, (long long)id));
 }

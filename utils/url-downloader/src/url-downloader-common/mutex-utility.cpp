@@ -1,3 +1,4 @@
+/* The lock utility: one operation on a recursive mutex and its initialised flag. */
 #include "url-downloader-common.h"
 
 namespace {
@@ -9,19 +10,17 @@ pthread_mutex_t lazy_init_guard = PTHREAD_MUTEX_INITIALIZER;
 bool is_initialised(const bool* initialised) { return __atomic_load_n(initialised, __ATOMIC_ACQUIRE); }
 void set_initialised(bool* initialised, bool value) { __atomic_store_n(initialised, value, __ATOMIC_RELEASE); }
 
-url_downloader_error init_recursive(pthread_mutex_t* mutex, bool* initialised)
+// Returns pthread_mutex_init's status.
+int init_recursive(pthread_mutex_t* mutex, bool* initialised)
 {
     pthread_mutexattr_t attr;
     pthread_mutexattr_init(&attr);
     pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
     int status = pthread_mutex_init(mutex, &attr);
     pthread_mutexattr_destroy(&attr);
-    if (status != 0) {
-        UD_ERROR_AS("url_downloader_mutex_utility", "pthread_mutex_init failed, status=[%d]\n", status);
-        return URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED;
-    }
-    set_initialised(initialised, true);
-    return URL_DOWNLOADER_ERROR_NONE;
+    if (status == 0)
+        set_initialised(initialised, true);
+    return status;
 }
 
 } // namespace
@@ -53,12 +52,14 @@ url_downloader_error url_downloader_mutex_utility(pthread_mutex_t* mutex, bool* 
     // always initialises afresh.
     if (operation == URL_DOWNLOADER_MUTEX_INIT || !is_initialised(initialised)) {
         pthread_mutex_lock(&lazy_init_guard);
-        url_downloader_error err = URL_DOWNLOADER_ERROR_NONE;
+        int status = 0;
         if (operation == URL_DOWNLOADER_MUTEX_INIT || !is_initialised(initialised))
-            err = init_recursive(mutex, initialised);
+            status = init_recursive(mutex, initialised);
         pthread_mutex_unlock(&lazy_init_guard);
-        if (err != URL_DOWNLOADER_ERROR_NONE)
-            return err;
+        if (status != 0) {
+            UD_ERROR("pthread_mutex_init failed, status=[%d]\n", status);
+            return URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED;
+        }
     }
 
     switch (operation) {

@@ -38,14 +38,14 @@ void ud_log_print(int priority, const char* format, ...) __attribute__((format(p
 static inline const char* ud_printable(const char* text) { return text != NULL ? text : "(null)"; }
 
 /* Running out of memory for a record is fatal: the assertion names the variable. */
-#define UD_ASSERT_ALLOC(ptr) ud_assert_alloc((ptr) != NULL, #ptr, __FILE__, __LINE__, __FUNCTION__)
+#define UD_ASSERT_ALLOC(ptr) ((ptr) != NULL ? (void)0 : ud_alloc_failed(#ptr, __FILE__, __LINE__, __FUNCTION__))
 
 #ifdef __cplusplus
 extern "C" {
 #endif
-/* Stops the process with an assertion message naming expr when ok is false.
- * Unlike assert(), it stays active in release builds. */
-void ud_assert_alloc(int ok, const char* expr, const char* file, int line, const char* func);
+/* Stops the process with an assertion message naming expr. Unlike assert(),
+ * it stays active in release builds. */
+void ud_alloc_failed(const char* expr, const char* file, int line, const char* func) __attribute__((noreturn));
 #ifdef __cplusplus
 }
 #endif

@@ -5,9 +5,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <vector>
-
 #include "regular-file.h"
 #include "url-downloader-curl.h"
 #include "url-downloader-internal.h"
@@ -31,7 +28,7 @@ const int64_t kFlushDelayMs = 100;
 // The records whose buffers hold bytes. Touched only under curl_mutex_lock
 // (body writes, closes and the loop's check all run under it); short, since
 // only transfers with a connection write bodies.
-std::vector<url_downloader_curl_pvt_data*> buffered UD_GUARDED_BY(curl_mutex_lock);
+GPtrArray* buffered UD_GUARDED_BY(curl_mutex_lock) = g_ptr_array_new();
 
 // Destination files open now, oldest first. One perform may run many short
 // transfers one after another on a kept connection, and their files are only
@@ -39,15 +36,15 @@ std::vector<url_downloader_curl_pvt_data*> buffered UD_GUARDED_BY(curl_mutex_loc
 // connection, the oldest is closed early and reopened to append should more
 // of its body come, so the descriptors stay bounded whatever libcurl does.
 // Same lock as above.
-std::vector<url_downloader_curl_pvt_data*> open_bodies UD_GUARDED_BY(curl_mutex_lock);
+GPtrArray* open_bodies UD_GUARDED_BY(curl_mutex_lock) = g_ptr_array_new();
 
 void set_buffered(url_downloader_curl_pvt_data* record, int64_t since) UD_REQUIRES(curl_mutex_lock)
 {
     if ((record->bufferedSinceMs != 0) != (since != 0)) {
         if (since != 0)
-            buffered.push_back(record);
+            g_ptr_array_add(buffered, record);
         else
-            buffered.erase(std::find(buffered.begin(), buffered.end(), record));
+            g_ptr_array_remove(buffered, record);
     }
     record->bufferedSinceMs = since;
 }
@@ -95,7 +92,7 @@ bool _url_downloader_close_file(url_downloader_curl_pvt_data* record)
     if (record->fileHandle != NULL) {
         record->writeFailed |= fclose(record->fileHandle) != 0;
         record->fileHandle = NULL;
-        open_bodies.erase(std::find(open_bodies.begin(), open_bodies.end(), record));
+        g_ptr_array_remove(open_bodies, record);
     }
     const bool closed = !record->writeFailed;
     set_buffered(record, 0);
@@ -106,14 +103,13 @@ bool _url_downloader_close_file(url_downloader_curl_pvt_data* record)
 
 void _url_downloader_flush_stale_bodies(void)
 {
-    if (buffered.empty())
-        return;
     const int64_t now = ud_monotonic_ms();
-    // flush_body takes the record out of the list: walk a copy.
-    std::vector<url_downloader_curl_pvt_data*> records(buffered);
-    for (url_downloader_curl_pvt_data* record : records)
+    // flush_body takes the record out of the list: walk it from its end.
+    for (guint i = buffered->len; i-- > 0;) {
+        url_downloader_curl_pvt_data* record = (url_downloader_curl_pvt_data*)g_ptr_array_index(buffered, i);
         if (now - record->bufferedSinceMs >= kFlushDelayMs)
             flush_body(record);
+    }
 }
 
 size_t url_downloader_body_parser(void* data, size_t size, size_t nmemb, void* user_data)
@@ -131,14 +127,14 @@ size_t url_downloader_body_parser(void* data, size_t size, size_t nmemb, void* u
             UD_ERROR("No Filename to write data\n");
             return 0;
         }
-        if (open_bodies.size() >= URL_DOWNLOADER_MAX_CONNECTIONS)
-            _url_downloader_close_file(open_bodies.front());
+        if (open_bodies->len >= URL_DOWNLOADER_MAX_CONNECTIONS)
+            _url_downloader_close_file((url_downloader_curl_pvt_data*)g_ptr_array_index(open_bodies, 0));
         record->fileHandle = open_destination(record->filePath, record->fileSize > 0);
         if (record->fileHandle == NULL) {
             UD_ERROR("Failed to write data to:%s\n", record->filePath);
             return 0;
         }
-        open_bodies.push_back(record);
+        g_ptr_array_add(open_bodies, record);
         buffer_large_body(record);
     }
 

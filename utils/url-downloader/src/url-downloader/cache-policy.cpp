@@ -1,9 +1,10 @@
+/* Answering downloads from the URL cache and admitting finished downloads into it. */
 #include "cache-policy.h"
 
 #include "regular-file.h"
 #include "request-ledger.h"
 
-#include <deque>
+#include <new>
 #include <inttypes.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -63,28 +64,26 @@ bool admissible(const url_downloader_cache* record)
     return true;
 }
 
-/* Admissions that met another process's lock on the cache, oldest first,
- * written once the lock is gone. The processing thread's alone. */
-struct HeldAdmission {
-    explicit HeldAdmission(url_downloader_cache* source) : record(source) {}
-    UrlCache record;
-};
-std::deque<HeldAdmission> held_admissions;
+/* Admissions that met another process's lock on the cache, oldest first (of
+ * UrlCache*), written once the lock is gone. The processing thread's alone. */
+GQueue held_admissions = G_QUEUE_INIT;
 bool held_overflow_logged = false;
 int64_t next_settle_ms = 0;
 
 void hold_admission(url_downloader_cache* record)
 {
-    if (held_admissions.size() >= URL_DOWNLOADER_MAX_HELD_ADMISSIONS) {
+    if (held_admissions.length >= URL_DOWNLOADER_MAX_HELD_ADMISSIONS) {
         if (!held_overflow_logged)
             UD_ERROR("Cache locked by another process: more than %d admissions held, the oldest are dropped",
                      URL_DOWNLOADER_MAX_HELD_ADMISSIONS);
         held_overflow_logged = true;
-        held_admissions.pop_front();
+        delete (UrlCache*)g_queue_pop_head(&held_admissions);
     }
-    held_admissions.emplace_back(record);
-    UD_DEBUG("Cache locked by another process: admission held until the lock is gone (%zu held)",
-             held_admissions.size());
+    UrlCache* held = new (std::nothrow) UrlCache(record);
+    UD_ASSERT_ALLOC(held);
+    g_queue_push_tail(&held_admissions, held);
+    UD_DEBUG("Cache locked by another process: admission held until the lock is gone (%u held)",
+             held_admissions.length);
 }
 
 /* The admission itself: nothing when a valid entry for the URL exists
@@ -267,7 +266,7 @@ void _url_downloader_admit_download(url_downloader_cache* record)
 
 int _url_downloader_settle_cache(void)
 {
-    if (held_admissions.empty() && url_cache_db_current_state() != URL_CACHE_DB_LOCKED)
+    if (held_admissions.length == 0 && url_cache_db_current_state() != URL_CACHE_DB_LOCKED)
         return -1;
     const int64_t now = ud_monotonic_ms();
     if (now < next_settle_ms)
@@ -279,15 +278,15 @@ int _url_downloader_settle_cache(void)
         return URL_DOWNLOADER_CACHE_PROBE_MS;
     // The same checks and trimming as at once, all in the one transaction.
     size_t written = 0;
-    for (HeldAdmission& entry : held_admissions) {
-        const UrlCache& held = entry.record;
-        url_downloader_cache record = {held.id,           held.url,        held.filepath, held.filesize,
-                                       held.downloadtime, held.expirytime, held.appname};
+    const guint held_count = held_admissions.length;
+    while (UrlCache* held = (UrlCache*)g_queue_pop_head(&held_admissions)) {
+        url_downloader_cache record = {held->id,           held->url,        held->filepath, held->filesize,
+                                       held->downloadtime, held->expirytime, held->appname};
         written += admissible(&record) && admit_now(&record);
+        delete held;
     }
     if (batch.Commit())
-        UD_DEBUG("Cache lock gone: %zu of %zu held admissions written", written, held_admissions.size());
-    held_admissions.clear();
+        UD_DEBUG("Cache lock gone: %zu of %u held admissions written", written, held_count);
     held_overflow_logged = false;
     return -1;
 }

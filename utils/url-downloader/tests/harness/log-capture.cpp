@@ -14,10 +14,12 @@ std::mutex g_mutex;
 std::vector<std::pair<int, std::string>> g_lines;
 size_t g_captures = 0;
 
-// "[UD_DEBUG]: [func () Line 12]: text" or "[UD_ERROR]: [func () Line 12] : text".
+// "[UD_DEBUG]: [func () Line 12]: text" or "[UD_ERROR]: [func () Line 12] : text";
+// an empty func matches any function.
 bool Matches(const std::string& line, const std::string& func, const std::string& text)
 {
-    const size_t at = line.find("]: [" + func + " () Line "), end = line.find(']', at + 4);
+    const size_t at = func.empty() ? line.find(" () Line ") : line.find("]: [" + func + " () Line "),
+                 end = line.find(']', at + 4);
     return at != std::string::npos && end != std::string::npos &&
            (line.compare(end, std::string::npos, "]: " + text) == 0 ||
             line.compare(end, std::string::npos, "] : " + text) == 0);

@@ -21,7 +21,7 @@ public:
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    // Lines of that priority logged by func whose text after the prefix is text.
+    // Lines of that priority logged by func (any function when empty) whose text after the prefix is text.
     size_t Count(int priority, const std::string& func, const std::string& text) const;
     bool Contains(int priority, const std::string& func, const std::string& text) const
     {
