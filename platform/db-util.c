@@ -1,3 +1,4 @@
+/* Host stand-in for the device's database utility: opens the cache database file. */
 #include "db-util.h"
 
 #include <errno.h>

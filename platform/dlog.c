@@ -1,3 +1,4 @@
+/* Host stand-in for the device's platform log: syslog, and stderr on request. */
 #include "dlog.h"
 
 #include <pthread.h>

@@ -1,6 +1,6 @@
-// url-downloader-bench: the library's cache-hit latency, memory per
-// outstanding request, submission cost and behaviour while another process
-// holds the cache database's write lock, through the public API only.
+// url-downloader-bench: measures the library through its public API.
+// The cache-hit latency, memory per outstanding request, submission cost and
+// behaviour while another process holds the cache database's write lock.
 // scripts/bench.sh runs it with a private cache database folder.
 //
 //   url-downloader-bench cache-hit BASE_URL DIR   (BASE_URL/f0000 .. f0999 exist)

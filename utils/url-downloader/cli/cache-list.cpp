@@ -1,3 +1,4 @@
+// The cache list command: prints the rows of the shared URL cache.
 #include "cache-list.h"
 
 #include <glib.h>

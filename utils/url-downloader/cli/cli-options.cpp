@@ -1,3 +1,4 @@
+// Parsing the url-downloader client's command line.
 #include "cli-options.h"
 
 #include <getopt.h>

@@ -1,3 +1,4 @@
+// Live progress of running downloads, read from their destination files.
 #include "progress.h"
 
 #include <sys/ioctl.h>

@@ -1,3 +1,4 @@
+/* The cache budget: the recorded size sum and the trim that forgets the rows expiring first. */
 #include <new>
 #include <inttypes.h>
 

@@ -1,5 +1,4 @@
-/* The cache database's connection and lock, shared by the manager's source
- * files only. */
+/* The cache database's connection and lock, for the manager's files only. */
 #ifndef URL_CACHE_DB_H
 #define URL_CACHE_DB_H
 

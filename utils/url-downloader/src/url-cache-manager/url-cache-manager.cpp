@@ -1,3 +1,4 @@
+/* The cache database connection, its lock and the manager's row operations. */
 #include "url-cache-manager.h"
 
 #include <atomic>

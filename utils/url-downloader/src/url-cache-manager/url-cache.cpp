@@ -1,3 +1,4 @@
+/* UrlCache: one cache row that owns its strings. */
 #include <stdlib.h>
 #include <string.h>
 

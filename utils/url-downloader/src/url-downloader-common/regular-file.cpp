@@ -1,3 +1,4 @@
+/* Opening a path from outside the process only when it is a regular file, never blocking. */
 #include "regular-file.h"
 
 #include <errno.h>

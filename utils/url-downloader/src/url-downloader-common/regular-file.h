@@ -1,6 +1,7 @@
-/* Opening files whose paths come from outside the process (a client's
- * destination, a row of the shared cache) without ever blocking on, or
- * opening, anything but a plain file. */
+/* Opening outside paths as regular files only, never blocking. */
+/* For paths that come from outside the process (a client's destination, a
+ * row of the shared cache): nothing but a plain file is ever opened or
+ * blocked on. */
 #ifndef URL_DOWNLOADER_REGULAR_FILE_H
 #define URL_DOWNLOADER_REGULAR_FILE_H
 

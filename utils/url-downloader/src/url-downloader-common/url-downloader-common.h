@@ -1,7 +1,6 @@
-/* What every part of the library uses: the public types, the log lines, the
- * allocation check, the locks, and the command records of the processing
- * pipe, which the client side and the transfer thread both write. Includes
- * nothing of the library's other folders. */
+/* What every part of the library uses; includes nothing of its other folders. */
+/* The public types, the log lines, the allocation check, the locks, and the
+ * command records of the processing pipe. */
 #ifndef URL_DOWNLOADER_COMMON_H
 #define URL_DOWNLOADER_COMMON_H
 

@@ -1,6 +1,6 @@
-/* Every lock of the library in one place: what each guards, who owns it, the
- * order in which they may be held together, and the one scoped guard over
- * the lock utility's locks. Clang checks the annotations (-Wthread-safety);
+/* Every lock of the library: what it guards, its owner, the order, the guard. */
+/* What each lock guards, who owns it, the order in which they may be held
+ * together, and the one scoped guard over the lock utility's locks. Clang checks the annotations (-Wthread-safety);
  * other compilers see nothing of them.
  *
  * Order. A thread that holds a lock may take one further down this list,

@@ -1,3 +1,4 @@
+/* The library's log lines, with credentials masked, handed to the platform log. */
 #include "url-downloader-log.h"
 
 #include <stdarg.h>

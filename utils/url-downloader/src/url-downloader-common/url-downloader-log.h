@@ -1,5 +1,5 @@
-/* Log lines of the library: one tag, a debug and an error form with the
- * logging function's name and source line. */
+/* The library's log lines: one tag, a debug and an error form. */
+/* Each line carries the logging function's name and source line. */
 #ifndef URL_DOWNLOADER_LOG_H
 #define URL_DOWNLOADER_LOG_H
 

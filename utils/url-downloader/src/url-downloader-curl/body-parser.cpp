@@ -1,3 +1,4 @@
+/* The body callback: writes a response body into its destination file. */
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdio_ext.h>

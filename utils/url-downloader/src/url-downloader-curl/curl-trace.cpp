@@ -1,3 +1,4 @@
+/* libcurl's verbose trace on standard error, with credentials masked. */
 #include <stdio.h>
 #include <string.h>
 #include <strings.h>

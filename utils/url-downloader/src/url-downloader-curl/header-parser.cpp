@@ -1,3 +1,4 @@
+/* The header callback: the expiry time from Expires and Cache-Control max-age. */
 #include <glib.h>
 #include <inttypes.h>
 #include <stdlib.h>

@@ -1,3 +1,4 @@
+/* The transfer thread: drives the multi handle until it is told to stop. */
 #include <errno.h>
 #include <stdint.h>
 #include <stdio.h>

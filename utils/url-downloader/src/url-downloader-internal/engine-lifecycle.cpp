@@ -1,3 +1,4 @@
+/* Creating and destroying the transfer engine, its pipes and its wake-ups. */
 #include <errno.h>
 #include <fcntl.h>
 #include <new>

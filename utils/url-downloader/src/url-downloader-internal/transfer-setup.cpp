@@ -1,3 +1,4 @@
+/* Setting up, cancelling and tearing down one transfer. */
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>

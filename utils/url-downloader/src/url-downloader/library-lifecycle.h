@@ -1,7 +1,7 @@
-/* Library-wide lifecycle shared by registration, request submission and the
- * processing thread: the state word, the guard that public calls hold while
- * they use library state, and the clean-up of requests that never reach or
- * leave the processing thread. */
+/* The library's lifecycle: the state word and the gate of the public calls. */
+/* Shared by registration, request submission, delivery and the processing
+ * thread: the state word, and the guard that public calls hold while they
+ * use library state. */
 #ifndef URL_DOWNLOADER_LIBRARY_LIFECYCLE_H
 #define URL_DOWNLOADER_LIBRARY_LIFECYCLE_H
 

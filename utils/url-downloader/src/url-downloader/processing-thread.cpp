@@ -1,3 +1,4 @@
+/* The processing thread: carries out each command of the processing pipe. */
 #include <errno.h>
 #include <inttypes.h>
 #include <poll.h>

@@ -1,8 +1,9 @@
-/* The request ledger: the one owner and writer of the request list and of
- * every service and request record from registration or submission until it
- * is freed. Other files ask it to add, check, answer, hand over, sweep and
- * forget; none of them touches list links or writes or frees a record. See
- * request-ledger.cpp for the ownership rules. */
+/* The request ledger: the one owner and writer of every request and service record. */
+/* It owns the request list and every service and request record from
+ * registration or submission until it is freed. Other files ask it to add,
+ * check, answer, hand over, sweep and forget; none of them touches list
+ * links or writes or frees a record. See request-ledger.cpp for the
+ * ownership rules. */
 #ifndef URL_DOWNLOADER_REQUEST_LEDGER_H
 #define URL_DOWNLOADER_REQUEST_LEDGER_H
 

@@ -1,3 +1,4 @@
+/* The public calls that ask for a download and cancel one or all. */
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+/* Answering a request: its outcome handed to the client callback on the client's main loop. */
 #include <stdint.h>
 
 #include "library-lifecycle.h"

@@ -1,6 +1,6 @@
-/* What the client-interface and request-processing files share with each
- * other: the library-wide state, the processing pipe, the reply waits and
- * result delivery. The request list is the ledger's (request-ledger.h). */
+/* What the client-interface and request-processing files share. */
+/* The library-wide state, the processing pipe, the reply waits and result
+ * delivery. The request list is the ledger's (request-ledger.h). */
 #ifndef URL_DOWNLOADER_PRIVATE_H
 #define URL_DOWNLOADER_PRIVATE_H
 
