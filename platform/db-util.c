@@ -66,7 +66,7 @@ static long long monotonic_ms(void)
  * busy timeout. */
 static int exec_when_free(sqlite3* db, const char* sql, long long deadline_ms)
 {
-    const struct timespec pause = {0, 10 * 1000 * 1000};
+    const struct timespec pause = {0, 10L * 1000 * 1000};
     int rc = SQLITE_BUSY;
     for (;;) {
         long long left = deadline_ms - monotonic_ms();
@@ -80,10 +80,7 @@ static int exec_when_free(sqlite3* db, const char* sql, long long deadline_ms)
     return rc;
 }
 
-static int is_corrupt(int rc)
-{
-    return (rc & 0xff) == SQLITE_CORRUPT || (rc & 0xff) == SQLITE_NOTADB;
-}
+static int is_corrupt(int rc) { return (rc & 0xff) == SQLITE_CORRUPT || (rc & 0xff) == SQLITE_NOTADB; }
 
 /* Moves a corrupt database (and its -wal) aside to path.corrupt, so that the
  * next open makes a new one; the -shm index only describes the old file. */

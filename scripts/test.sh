@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# Builds the library and runs the whole test suite four times: plain, under
-# AddressSanitizer+UBSan (with LeakSanitizer), under ThreadSanitizer, and
-# cross-built for the device (32-bit ARM, armhf) under qemu-user.
-# Any failing test or sanitizer report fails the command.
-#   scripts/test.sh              all four runs
-#   scripts/test.sh default      only the named runs (default, asan, tsan, armhf)
+# Checks the sources, then builds the library and runs the whole test suite
+# four times: plain, under AddressSanitizer+UBSan (with LeakSanitizer), under
+# ThreadSanitizer, and cross-built for the device (32-bit ARM, armhf) under
+# qemu-user. The check (run "lint") is clang-format and clang-tidy
+# (scripts/lint.sh) and clang's thread-safety analysis of the locks
+# (scripts/thread-safety.sh). Any finding, failing test or sanitizer report
+# fails the command.
+#   scripts/test.sh              all five runs
+#   scripts/test.sh default      only the named runs (lint, default, asan, tsan, armhf)
 # UD_SKIP_ARMHF=1 leaves the armhf run out, and says so at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -12,7 +15,7 @@ cd "$(dirname "$0")/.."
 ud_install_deps
 
 runs=("$@")
-[ ${#runs[@]} -eq 0 ] && runs=(default asan tsan armhf)
+[ ${#runs[@]} -eq 0 ] && runs=(lint default asan tsan armhf)
 skipped=()
 if [ "${UD_SKIP_ARMHF:-0}" = 1 ] && [[ " ${runs[*]} " == *" armhf "* ]]; then
     runs=("${runs[@]/armhf/}")
@@ -39,6 +42,15 @@ jobs=$(( $(nproc) * 2 ))
 failed=()
 for preset in "${runs[@]}"; do
     [ -n "$preset" ] || continue
+    if [ "$preset" = lint ]; then
+        ud_install_deps clang-14 clang-format-14 clang-tidy-14
+        echo "=== lint: format, clang-tidy, thread-safety analysis"
+        cmake --preset default >/dev/null
+        if ! bash scripts/lint.sh build/default || ! bash scripts/thread-safety.sh build/default; then
+            failed+=(lint)
+        fi
+        continue
+    fi
     echo "=== ${preset}: configure and build"
     cmake --preset "$preset" >/dev/null
     cmake --build --preset "$preset"

@@ -6,8 +6,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:?usage: scripts/thread-safety.sh BUILD_DIR}
-python3 - "$build/compile_commands.json" <<'PY'
-import json, shlex, subprocess, sys
+clang=$(command -v clang++-14 || command -v clang++)
+CLANG="$clang" python3 - "$build/compile_commands.json" <<'PY'
+import json, os, shlex, subprocess, sys
 entries = [e for e in json.load(open(sys.argv[1]))
            if "/utils/url-downloader/src/" in e["file"] and e["file"].endswith(".cpp")]
 failed = 0
@@ -20,7 +21,7 @@ for e in entries:
             keep += [a, next(rest)]
         elif a.startswith(("-D", "-I", "-std=")):
             keep.append(a)
-    cmd = ["clang++", "-fsyntax-only", "-Wthread-safety", "-Wthread-safety-beta", "-Werror"] + keep + [e["file"]]
+    cmd = [os.environ["CLANG"], "-fsyntax-only", "-Wthread-safety", "-Wthread-safety-beta", "-Werror"] + keep + [e["file"]]
     if subprocess.run(cmd, cwd=e["directory"]).returncode != 0:
         failed += 1
 print(f"thread-safety analysis: {len(entries)} files, {failed} failing")

@@ -16,8 +16,7 @@ extern "C" {
  * Returns 0 and stores the connection in *handle on success; on failure
  * returns non-zero and leaves *handle NULL.
  */
-__attribute__((visibility("default")))
-int db_util_open(const char* path, sqlite3** handle, int option);
+__attribute__((visibility("default"))) int db_util_open(const char* path, sqlite3** handle, int option);
 
 #ifdef __cplusplus
 }

@@ -7,12 +7,7 @@ extern "C" {
 #endif
 
 /* Priorities used by the library: 4 for debug lines, 6 for error lines. */
-enum {
-    DLOG_PRIORITY_DEBUG = 4,
-    DLOG_PRIORITY_WARN = 5,
-    DLOG_PRIORITY_ERROR = 6,
-    DLOG_PRIORITY_FATAL = 7
-};
+enum { DLOG_PRIORITY_DEBUG = 4, DLOG_PRIORITY_WARN = 5, DLOG_PRIORITY_ERROR = 6, DLOG_PRIORITY_FATAL = 7 };
 
 /*
  * Formats one line and sends it to the system log (syslog) under the tag, at
@@ -25,8 +20,8 @@ enum {
  * non-empty value other than "0" at the process's first line.
  * Returns the number of characters formatted, or a negative value on error.
  */
-__attribute__((visibility("default"), format(printf, 3, 4)))
-int __dlog_print(int priority, const char* tag, const char* format, ...);
+__attribute__((visibility("default"), format(printf, 3, 4))) int __dlog_print(int priority, const char* tag,
+                                                                              const char* format, ...);
 
 #ifdef __cplusplus
 }

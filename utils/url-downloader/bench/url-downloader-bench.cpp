@@ -103,8 +103,8 @@ url_downloader_h Register()
 bool Submit(url_downloader_h service, const std::string& path, const std::string& url, bool use_cache)
 {
     url_downloader_api_h request = nullptr;
-    const url_downloader_error rc =
-        url_downloader_download(service, path.c_str(), url.c_str(), use_cache, nullptr, &request);
+    const url_downloader_error rc = url_downloader_download(service, path.c_str(), url.c_str(), use_cache, nullptr,
+                                                            &request);
     if (rc != URL_DOWNLOADER_ERROR_NONE) {
         std::printf("error: url_downloader_download failed (%d)\n", static_cast<int>(rc));
         return false;
@@ -151,8 +151,8 @@ int SilentListener(int* port)
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        listen(fd, SOMAXCONN) != 0 || getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, SOMAXCONN) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         std::printf("error: cannot open a listening socket\n");
         std::exit(1);
     }
@@ -222,9 +222,10 @@ int Memory(const std::string& dir, size_t count)
         steady = now == after ? steady + 1 : 0;
         after = now;
     }
-    std::printf("memory outstanding=%zu callbacks_meanwhile=%zu rss_before_kib=%ld rss_after_kib=%ld "
-                "per_request_kib=%.2f\n",
-                count, delivery.delivered, before, after, static_cast<double>(after - before) / count);
+    std::printf(
+        "memory outstanding=%zu callbacks_meanwhile=%zu rss_before_kib=%ld rss_after_kib=%ld "
+        "per_request_kib=%.2f\n",
+        count, delivery.delivered, before, after, static_cast<double>(after - before) / count);
     std::fflush(stdout);
 
     std::atomic<bool> returned{false};
@@ -381,8 +382,8 @@ long SubmitTimed(url_downloader_h service, const std::string& path, const std::s
     LockRequest timed;
     timed.submitted = Clock::now();
     url_downloader_api_h request = nullptr;
-    const url_downloader_error rc =
-        url_downloader_download(service, path.c_str(), url.c_str(), use_cache, nullptr, &request);
+    const url_downloader_error rc = url_downloader_download(service, path.c_str(), url.c_str(), use_cache, nullptr,
+                                                            &request);
     if (rc != URL_DOWNLOADER_ERROR_NONE) {
         std::printf("error: url_downloader_download of %s failed (%d)\n", url.c_str(), static_cast<int>(rc));
         return -1;
@@ -424,8 +425,8 @@ bool PumpUntil(Clock::time_point deadline, const std::function<bool()>& done = n
     std::this_thread::sleep_for(std::chrono::seconds(hold_s));
     if (sqlite3_exec(connection, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK)
         _exit(1);
-    const int64_t released = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                 Clock::now().time_since_epoch()).count();
+    const int64_t released =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count();
     const bool told = write(report_fd, &released, sizeof released) == sizeof released;
     sqlite3_close(connection);
     _exit(told ? 0 : 1);
@@ -479,8 +480,8 @@ int CacheLock(const std::string& base, const std::string& dir, const std::string
 
     // Untimed: the database and its table exist before the peer opens it.
     const long warm = SubmitTimed(a, dir + "/warm", small + "f1999?warm=" + tag, false);
-    if (warm < 0 || !PumpUntil(Clock::now() + std::chrono::seconds(60),
-                               [warm] { return lock_run.requests[warm].error >= 0; })) {
+    if (warm < 0 ||
+        !PumpUntil(Clock::now() + std::chrono::seconds(60), [warm] { return lock_run.requests[warm].error >= 0; })) {
         std::printf("error: the first download did not come back within 60 s\n");
         kill(peer, SIGKILL);
         waitpid(peer, nullptr, 0);
@@ -511,8 +512,8 @@ int CacheLock(const std::string& base, const std::string& dir, const std::string
     // it runs off the main thread, which keeps delivering A's callbacks.
     auto cancel_b = [&] {
         for (size_t i = 0; i < 3; ++i)
-            SubmitTimed(b, dir + "/" + Name("b", 4, i), small + Name("f", 4, 1900 + i) + "?lock=" + tag + "-b" +
-                                                           std::to_string(i), true);
+            SubmitTimed(b, dir + "/" + Name("b", 4, i),
+                        small + Name("f", 4, 1900 + i) + "?lock=" + tag + "-b" + std::to_string(i), true);
         canceller = std::thread([&cancelled, &cancel_ms, b] {
             const Clock::time_point from = Clock::now();
             const url_downloader_error rc = url_downloader_cancel_all_requests(b);
@@ -555,7 +556,8 @@ int CacheLock(const std::string& base, const std::string& dir, const std::string
     Clock::time_point released = Clock::now();
     if (WIFEXITED(peer_status) && WEXITSTATUS(peer_status) == 0 &&
         read(report[0], &released_ns, sizeof released_ns) == sizeof released_ns) {
-        released = Clock::time_point(std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(released_ns)));
+        released = Clock::time_point(
+            std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(released_ns)));
     } else {
         std::printf("error: the peer did not commit and report its release\n");
         status = 1;
@@ -592,8 +594,7 @@ int CacheLock(const std::string& base, const std::string& dir, const std::string
     std::sort(latency.begin(), latency.end());
     const size_t delivered = latency.size();
     const double slowest = delivered > 0 ? latency.back() : -1;
-    const double median =
-        delivered == 0 ? -1 : (latency[(delivered - 1) / 2] + latency[delivered / 2]) / 2;
+    const double median = delivered == 0 ? -1 : (latency[(delivered - 1) / 2] + latency[delivered / 2]) / 2;
 
     const long wanted = static_cast<long>(delivered - failed);
     long rows = -1;
@@ -620,9 +621,10 @@ int CacheLock(const std::string& base, const std::string& dir, const std::string
     url_downloader_deregister(a);
     url_downloader_deregister(b);
     url_downloader_finalize();
-    std::printf("cache-lock hold_s=%zu downloads=%zu delivered=%zu failed=%zu slowest_ms=%.1f median_ms=%.1f "
-                "cancel_all_ms=%.1f rows=%ld rows_ms_after_release=%.0f\n",
-                hold_s, a_requests.size(), delivered, failed, slowest, median, cancel_ms, rows, rows_ms);
+    std::printf(
+        "cache-lock hold_s=%zu downloads=%zu delivered=%zu failed=%zu slowest_ms=%.1f median_ms=%.1f "
+        "cancel_all_ms=%.1f rows=%ld rows_ms_after_release=%.0f\n",
+        hold_s, a_requests.size(), delivered, failed, slowest, median, cancel_ms, rows, rows_ms);
     return status;
 }
 

@@ -55,8 +55,9 @@ int ListCache(const std::optional<std::string>& app, std::FILE* out, std::FILE* 
         return 1;
     }
     // The library makes the table on first use: none yet is an empty cache.
-    const char* sql = "select appname, url, filepath, filesize, expirytime from qeturlcache"
-                      " where ?1 is null or appname = ?1 order by id";
+    const char* sql =
+        "select appname, url, filepath, filesize, expirytime from qeturlcache"
+        " where ?1 is null or appname = ?1 order by id";
     sqlite3_stmt* check = nullptr;
     sqlite3_stmt* rows = nullptr;
     int rc = sqlite3_prepare_v2(db, "select 1 from sqlite_master where type = 'table' and name = 'qeturlcache'", -1,

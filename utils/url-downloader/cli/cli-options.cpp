@@ -174,7 +174,7 @@ std::string AddInputFile(const std::string& name, std::set<std::string>* destina
         const size_t last = line.find_last_not_of(blanks);
         const std::string problem = AddDownload(line.substr(first, last - first + 1), destinations, out);
         if (!problem.empty())
-            return name + ":" + std::to_string(number) + ": " + problem;
+            return name + ":" + std::to_string(number) + ": " + problem; // NOLINT(performance-*): once, on an error
     }
     if (in->bad())
         return "cannot read '" + name + "'";
@@ -235,14 +235,10 @@ std::string ParseArguments(int argc, char** argv, Options* out)
 
     const bool get = out->command == Command::Get;
     static const struct option kGetOptions[] = {
-        {"cache", no_argument, nullptr, 'c'},
-        {"app", required_argument, nullptr, 'a'},
-        {"proxy", required_argument, nullptr, 'p'},
-        {"output-dir", required_argument, nullptr, 'o'},
-        {"input", required_argument, nullptr, 'i'},
-        {"verbose", no_argument, nullptr, 'v'},
-        {"help", no_argument, nullptr, 'h'},
-        {nullptr, 0, nullptr, 0},
+        {"cache", no_argument, nullptr, 'c'},       {"app", required_argument, nullptr, 'a'},
+        {"proxy", required_argument, nullptr, 'p'}, {"output-dir", required_argument, nullptr, 'o'},
+        {"input", required_argument, nullptr, 'i'}, {"verbose", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0},
     };
     static const struct option kCacheOptions[] = {
         {"app", required_argument, nullptr, 'a'},
@@ -259,6 +255,7 @@ std::string ParseArguments(int argc, char** argv, Options* out)
     std::optional<std::string> out_dir;
     std::vector<std::string> inputs;
     for (;;) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): parsed once, before any thread starts
         const int opt = getopt_long(sub_argc, sub_argv, get ? ":o:i:vh" : ":vh", get ? kGetOptions : kCacheOptions,
                                     nullptr);
         if (opt == -1)
@@ -290,7 +287,7 @@ std::string ParseArguments(int argc, char** argv, Options* out)
             out_dir = optarg;
             break;
         case 'i':
-            inputs.push_back(optarg);
+            inputs.emplace_back(optarg);
             break;
         case ':':
             return "option '" + OptionName(sub_argv, optind - 1, optopt) + "' needs a value";
@@ -310,12 +307,12 @@ std::string ParseArguments(int argc, char** argv, Options* out)
     out->out_dir = Absolute(out_dir.value_or("."), "");
     std::set<std::string> destinations;
     for (int i = optind; i < sub_argc; ++i) {
-        const std::string problem = AddDownload(sub_argv[i], &destinations, out);
+        std::string problem = AddDownload(sub_argv[i], &destinations, out);
         if (!problem.empty())
             return problem;
     }
     for (const std::string& input : inputs) {
-        const std::string problem = AddInputFile(input, &destinations, out);
+        std::string problem = AddInputFile(input, &destinations, out);
         if (!problem.empty())
             return problem;
     }

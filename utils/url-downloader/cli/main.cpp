@@ -24,26 +24,46 @@ namespace {
 const char* ErrorName(int error)
 {
     switch (error) {
-    case URL_DOWNLOADER_ERROR_NONE: return "URL_DOWNLOADER_ERROR_NONE";
-    case URL_DOWNLOADER_ERROR_INVALID_PARAMETER: return "URL_DOWNLOADER_ERROR_INVALID_PARAMETER";
-    case URL_DOWNLOADER_ERROR_INVALID_URL: return "URL_DOWNLOADER_ERROR_INVALID_URL";
-    case URL_DOWNLOADER_ERROR_INVALID_FILE_PATH: return "URL_DOWNLOADER_ERROR_INVALID_FILE_PATH";
-    case URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED: return "URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED";
-    case URL_DOWNLOADER_ERROR_CACHE_CLEAN_FAILED: return "URL_DOWNLOADER_ERROR_CACHE_CLEAN_FAILED";
-    case URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED: return "URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED";
-    case URL_DOWNLOADER_ERROR_CACHE_SIZE_FAILED: return "URL_DOWNLOADER_ERROR_CACHE_SIZE_FAILED";
-    case URL_DOWNLOADER_ERROR_PIPE_READ_FAILED: return "URL_DOWNLOADER_ERROR_PIPE_READ_FAILED";
-    case URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED: return "URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED";
-    case URL_DOWNLOADER_ERROR_PIPE_CREATION_FAILED: return "URL_DOWNLOADER_ERROR_PIPE_CREATION_FAILED";
-    case URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED: return "URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED";
-    case URL_DOWNLOADER_ERROR_MUTEX_LOCK_FAILED: return "URL_DOWNLOADER_ERROR_MUTEX_LOCK_FAILED";
-    case URL_DOWNLOADER_ERROR_MUTEX_UNLOCK_FAILED: return "URL_DOWNLOADER_ERROR_MUTEX_UNLOCK_FAILED";
-    case URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED: return "URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED";
-    case URL_DOWNLOADER_ERROR_INVALID_API_HANDLE: return "URL_DOWNLOADER_ERROR_INVALID_API_HANDLE";
-    case URL_DOWNLOADER_ERROR_REQUEST_CANCELLED: return "URL_DOWNLOADER_ERROR_REQUEST_CANCELLED";
-    case URL_DOWNLOADER_ERROR_SERVICE_DESTROYING: return "URL_DOWNLOADER_ERROR_SERVICE_DESTROYING";
-    case URL_DOWNLOADER_ERROR_INVALID_NETWORK_CONFIG: return "URL_DOWNLOADER_ERROR_INVALID_NETWORK_CONFIG";
-    default: return "UNKNOWN_ERROR";
+    case URL_DOWNLOADER_ERROR_NONE:
+        return "URL_DOWNLOADER_ERROR_NONE";
+    case URL_DOWNLOADER_ERROR_INVALID_PARAMETER:
+        return "URL_DOWNLOADER_ERROR_INVALID_PARAMETER";
+    case URL_DOWNLOADER_ERROR_INVALID_URL:
+        return "URL_DOWNLOADER_ERROR_INVALID_URL";
+    case URL_DOWNLOADER_ERROR_INVALID_FILE_PATH:
+        return "URL_DOWNLOADER_ERROR_INVALID_FILE_PATH";
+    case URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED:
+        return "URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED";
+    case URL_DOWNLOADER_ERROR_CACHE_CLEAN_FAILED:
+        return "URL_DOWNLOADER_ERROR_CACHE_CLEAN_FAILED";
+    case URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED:
+        return "URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED";
+    case URL_DOWNLOADER_ERROR_CACHE_SIZE_FAILED:
+        return "URL_DOWNLOADER_ERROR_CACHE_SIZE_FAILED";
+    case URL_DOWNLOADER_ERROR_PIPE_READ_FAILED:
+        return "URL_DOWNLOADER_ERROR_PIPE_READ_FAILED";
+    case URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED:
+        return "URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED";
+    case URL_DOWNLOADER_ERROR_PIPE_CREATION_FAILED:
+        return "URL_DOWNLOADER_ERROR_PIPE_CREATION_FAILED";
+    case URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED:
+        return "URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED";
+    case URL_DOWNLOADER_ERROR_MUTEX_LOCK_FAILED:
+        return "URL_DOWNLOADER_ERROR_MUTEX_LOCK_FAILED";
+    case URL_DOWNLOADER_ERROR_MUTEX_UNLOCK_FAILED:
+        return "URL_DOWNLOADER_ERROR_MUTEX_UNLOCK_FAILED";
+    case URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED:
+        return "URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED";
+    case URL_DOWNLOADER_ERROR_INVALID_API_HANDLE:
+        return "URL_DOWNLOADER_ERROR_INVALID_API_HANDLE";
+    case URL_DOWNLOADER_ERROR_REQUEST_CANCELLED:
+        return "URL_DOWNLOADER_ERROR_REQUEST_CANCELLED";
+    case URL_DOWNLOADER_ERROR_SERVICE_DESTROYING:
+        return "URL_DOWNLOADER_ERROR_SERVICE_DESTROYING";
+    case URL_DOWNLOADER_ERROR_INVALID_NETWORK_CONFIG:
+        return "URL_DOWNLOADER_ERROR_INVALID_NETWORK_CONFIG";
+    default:
+        return "UNKNOWN_ERROR";
     }
 }
 
@@ -212,7 +232,7 @@ int RunGet(const Options& options)
 
     url_downloader_config_t config = {};
     std::string proxy = options.proxy.value_or("");
-    config.proxy = options.proxy ? &proxy[0] : nullptr;
+    config.proxy = options.proxy ? proxy.data() : nullptr;
     url_downloader_h service = nullptr;
     url_downloader_error rc = url_downloader_register(options.app.c_str(), OnResult, &config, &service);
     if (rc != URL_DOWNLOADER_ERROR_NONE) {
@@ -227,8 +247,8 @@ int RunGet(const Options& options)
         // Taken before submission: the reference for telling a transfer from
         // a cache answer.
         run.files[job->index].before = FileState::Of(job->arg.path);
-        rc = url_downloader_download(service, job->arg.path.c_str(), job->arg.url.c_str(), options.use_cache,
-                                     job.get(), &job->request);
+        rc = url_downloader_download(service, job->arg.path.c_str(), job->arg.url.c_str(), options.use_cache, job.get(),
+                                     &job->request);
         if (rc != URL_DOWNLOADER_ERROR_NONE) {
             // No callback will come for it.
             job->finished = true;
@@ -304,8 +324,8 @@ int main(int argc, char** argv)
         status = udcli::RunClean(options);
         break;
     case udcli::Command::CacheList:
-        status = udcli::ListCache(options.app_given ? std::optional<std::string>(options.app) : std::nullopt,
-                                  stdout, udcli::g_err);
+        status = udcli::ListCache(options.app_given ? std::optional<std::string>(options.app) : std::nullopt, stdout,
+                                  udcli::g_err);
         break;
     case udcli::Command::Help:
         break;

@@ -42,8 +42,9 @@ extern "C" time_t time(time_t* out)
 namespace {
 URLCacheManager* Cache() { return URLCacheManager::getInstance(); }
 char* S(const char* s) { return const_cast<char*>(s); }
-const char* const kTable = "create table qeturlcache (id INTEGER PRIMARY KEY AUTOINCREMENT, url TEXT, filepath TEXT, "
-                           "filesize INTEGER, downloadtime INTEGER, expirytime INTEGER, appname TEXT);";
+const char* const kTable =
+    "create table qeturlcache (id INTEGER PRIMARY KEY AUTOINCREMENT, url TEXT, filepath TEXT, "
+    "filesize INTEGER, downloadtime INTEGER, expirytime INTEGER, appname TEXT);";
 
 // A row through the public admission, which trims first, or straight into the table.
 bool Add(std::string url, const char* path, int64_t size, int64_t expiry, bool admit = true, const char* app = "t")
@@ -154,10 +155,14 @@ TEST_F(CacheTest, RecordsRoundTripAndAnUnopenableDatabaseFailsEveryOperation)
 // is used; an admission trims first, and only past the budget.
 TEST_F(CacheTest, TrimCountsDownFromTheBudgetInExpiryOrder)
 {
-    const struct { std::vector<int64_t> sizes; int64_t remainder; size_t left; } cases[] = {
-        {{}, 10485760, 0},                                // the sum over no rows is NULL, read as 0
+    const struct {
+        std::vector<int64_t> sizes;
+        int64_t remainder;
+        size_t left;
+    } cases[] = {
+        {{}, 10485760, 0},                               // the sum over no rows is NULL, read as 0
         {std::vector<int64_t>(10, 1000000), 4485760, 4}, // five leave 5,485,760: not yet below half
-        {{2621440, 2621440, 1000, 1000}, 5241880, 1},     // exactly half deleted is not enough
+        {{2621440, 2621440, 1000, 1000}, 5241880, 1},    // exactly half deleted is not enough
         {{20000000, 5}, -9514240, 1},
         {std::vector<int64_t>(150, 10000), 9485760, 50},                          // one trim reads 100 rows at most
         {{INT64_C(3) << 30, INT64_C(3) << 30}, 10485760 - (INT64_C(3) << 30), 1}, // sums past 2^32
@@ -198,7 +203,12 @@ TEST_F(CacheTest, LookupServesOnlyPresentSameLengthUnexpiredRegularFiles)
     ASSERT_EQ(0, symlink(TempPath("fifo").c_str(), TempPath("link-to-fifo").c_str()));
     ASSERT_EQ(0, symlink(TempPath("target").c_str(), TempPath("link-to-file").c_str()));
     // Files written hold 5 bytes; stale is why the row is stale, as logged (NULL: served).
-    const struct { const char* url; bool written; int64_t size, expiry; const char* stale; } rows[] = {
+    const struct {
+        const char* url;
+        bool written;
+        int64_t size, expiry;
+        const char* stale;
+    } rows[] = {
         {"missing", false, 5, later, "downloaded file missing in file-system"},
         {"resized", true, 6, later, "size mismatch. \nDB stored size is 6, and actaul size is 5"},
         {"expired", true, 5, time(nullptr), "But expired Id=[3]"}, // expiring now is expired
@@ -214,8 +224,11 @@ TEST_F(CacheTest, LookupServesOnlyPresentSameLengthUnexpiredRegularFiles)
     for (const auto& r : rows) {
         if (r.written)
             std::ofstream(TempPath(r.url)) << "12345";
-        ASSERT_TRUE(Add(r.url, *r.url == '/' ? r.url : *r.url != '\0' ? TempPath(r.url).c_str() : nullptr, r.size,
-                        r.expiry));
+        ASSERT_TRUE(Add(r.url,
+                        *r.url == '/'    ? r.url
+                        : *r.url != '\0' ? TempPath(r.url).c_str()
+                                         : nullptr,
+                        r.size, r.expiry));
     }
     // A stale row whose id is the last row's plus 2^32: read as 32 bits, its deletion would hit "kept".
     Peer{"insert into qeturlcache (id, url) values (" + std::to_string((INT64_C(1) << 32) + std::size(rows)) +
@@ -256,7 +269,10 @@ TEST_F(CacheTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
     server.Route("/2040", {200, {{"Expires", "Tue, 01 May 2040 16:00:00 GMT"}}, "body"});
     const int64_t late_2037 = 2145830400; // 2037-12-31 00:00:00 UTC
     g_clock_shift = late_2037 - (int64_t)::time(nullptr);
-    const struct { const char* path; int64_t size, lowest_expiry, highest_expiry; } cases[] = {
+    const struct {
+        const char* path;
+        int64_t size, lowest_expiry, highest_expiry;
+    } cases[] = {
         {"/big", big, late_2037 + 15552000, late_2037 + 15552000 + 60},
         {"/2040", 4, 2219500800, 2219500800},
     };
@@ -379,7 +395,11 @@ TEST_F(CacheTest, APeersLongLockCostsOneBusyWaitAndLosesNoAdmission)
         server.Route("/f" + std::to_string(i), {200, {}, Pattern(100, i)});
     server.Route("/held", {200, {}, Pattern(1000, 99), false, 10});
     const auto bound = 3500ms; // one busy wait, a transfer and some slack
-    const struct { const char* name; bool opened_first; std::string lock; } peers[] = {
+    const struct {
+        const char* name;
+        bool opened_first;
+        std::string lock;
+    } peers[] = {
         {"writer", true, "BEGIN IMMEDIATE"},
         {"writer from before the open", false, std::string(kTable) + "BEGIN EXCLUSIVE"},
     };
@@ -398,18 +418,19 @@ TEST_F(CacheTest, APeersLongLockCostsOneBusyWaitAndLosesNoAdmission)
         LogCapture log;
         url_downloader_api_h api;
         // Transfers for the sweeps to end; swept, they have no callback.
-        ASSERT_EQ(0, url_downloader_download(other, TempPath("h1").c_str(), server.Url("/held").c_str(), false,
-                                             nullptr, &api));
-        ASSERT_EQ(0, url_downloader_download(third, TempPath("h2").c_str(), server.Url("/held").c_str(), false,
-                                             nullptr, &api));
+        ASSERT_EQ(0, url_downloader_download(other, TempPath("h1").c_str(), server.Url("/held").c_str(), false, nullptr,
+                                             &api));
+        ASSERT_EQ(0, url_downloader_download(third, TempPath("h2").c_str(), server.Url("/held").c_str(), false, nullptr,
+                                             &api));
         std::vector<std::chrono::steady_clock::time_point> asked;
         std::chrono::steady_clock::duration swept[2]{};
         std::thread sweeps;
         for (int i = 0; i < kFiles; ++i) {
             const std::string name = "/f" + std::to_string(i);
             asked.push_back(std::chrono::steady_clock::now());
-            ASSERT_EQ(0, url_downloader_download(svc, TempPath(std::to_string(p.opened_first) + name.substr(1)).c_str(), server.Url(name).c_str(),
-                                                 i % 2 == 0, reinterpret_cast<void*>(intptr_t(i)), &api));
+            ASSERT_EQ(0, url_downloader_download(svc, TempPath(std::to_string(p.opened_first) + name.substr(1)).c_str(),
+                                                 server.Url(name).c_str(), i % 2 == 0,
+                                                 reinterpret_cast<void*>(intptr_t(i)), &api));
             if (i == kFiles / 2)
                 sweeps = std::thread([&] {
                     auto start = std::chrono::steady_clock::now();
@@ -431,8 +452,9 @@ TEST_F(CacheTest, APeersLongLockCostsOneBusyWaitAndLosesNoAdmission)
         }
         EXPECT_LE(swept[0], bound) << "cleans and cancel-all";
         EXPECT_LE(swept[1], bound) << "deregistration";
-        EXPECT_EQ(1u, log.Count(kError, "start_lock_episode", "Cache database locked by another process for 2000 ms: the "
-                                                        "cache is bypassed until the lock is gone"));
+        EXPECT_EQ(1u, log.Count(kError, "start_lock_episode",
+                                "Cache database locked by another process for 2000 ms: the "
+                                "cache is bypassed until the lock is gone"));
         sqlite3_exec(peer.db, "ROLLBACK", nullptr, nullptr, nullptr);
         EXPECT_TRUE(RunMainLoopUntil([] { return CountCacheRows("url like '%/f%'") == kFiles; }, 10s))
             << CountCacheRows("url like '%/f%'") << " of " << kFiles << " admissions in";
@@ -458,12 +480,12 @@ TEST_F(CacheTest, HeldAdmissionsAreBoundedAndGoInWithTheUsualChecks)
         for (int i = 0; i < n; ++i) {
             const std::string url = "held/" + std::to_string(i);
             const std::string& file = i == n - 1 ? big : i == n - 2 ? changed : small;
-            url_downloader_cache c{0, S(url.c_str()), S(file.c_str()), i == n - 1 ? 1000000 : 5, 1, 2000000000,
-                                   S("t")};
+            url_downloader_cache c{0, S(url.c_str()), S(file.c_str()), i == n - 1 ? 1000000 : 5, 1, 2000000000, S("t")};
             _url_downloader_admit_download(&c);
         }
-        EXPECT_EQ(1u, log.Count(kError, "hold_admission", "Cache locked by another process: more than 1000 "
-                                                          "admissions held, the oldest are dropped"));
+        EXPECT_EQ(1u, log.Count(kError, "hold_admission",
+                                "Cache locked by another process: more than 1000 "
+                                "admissions held, the oldest are dropped"));
         EXPECT_GT(_url_downloader_settle_cache(), 0) << "still locked";
     }
     std::ofstream(changed) << "123456";
@@ -497,8 +519,9 @@ TEST_F(CacheTest, TheDatabaseIsNeverFollowedThroughASymlinkAndAReplacedOneIsOpen
         EXPECT_EQ(1, CountCacheRows()) << url << " is not the one row of the file at the path";
         EXPECT_EQ(1, CountCacheRows("url='" + std::string(url) + "'")) << url;
     }
-    EXPECT_EQ(2u, log.Count(kError, "reopen_if_replaced", "Cache database " + CacheDbPath() +
-                                                        " was replaced or deleted while in use: it is opened afresh"));
+    EXPECT_EQ(2u, log.Count(kError, "reopen_if_replaced",
+                            "Cache database " + CacheDbPath() +
+                                " was replaced or deleted while in use: it is opened afresh"));
 }
 
 // A database found corrupt, on opening or by a later statement, is moved aside once and made anew.
@@ -511,8 +534,9 @@ TEST_F(CacheTest, ACorruptDatabaseIsMovedAsideAndMadeAnew)
     EXPECT_EQ(std::string(8192, 'x'), ReadFile(CacheDbPath() + ".corrupt"));
     EXPECT_TRUE(log.ContainsText("is corrupt, moved aside"));
     // A peer breaks the schema of the open database; the new version makes the library read it again.
-    Peer{"PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql='broken' WHERE name='qeturlcache'; "
-         "PRAGMA schema_version=1000;"};
+    Peer{
+        "PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql='broken' WHERE name='qeturlcache'; "
+        "PRAGMA schema_version=1000;"};
     // Admissions that meet the broken file fail until one finds it corrupt; then they work again.
     int failed = 0;
     while (failed < 3 && !Add("http://third/", "/f", 1, 2e9))

@@ -106,7 +106,8 @@ TEST_F(PublicApi, ArgumentsAreCheckedInOrderWithTheirLogLines)
     for (const Case& c : cases) {
         EXPECT_EQ(c.want, c.got) << c.func << ": " << c.text;
         int priority = c.want == 0 ? kDebug : kError;
-        EXPECT_TRUE(log.Contains(priority, std::string("url_downloader_") + c.func, c.text)) << c.func << ": " << c.text;
+        EXPECT_TRUE(log.Contains(priority, std::string("url_downloader_") + c.func, c.text))
+            << c.func << ": " << c.text;
     }
 }
 
@@ -138,13 +139,24 @@ TEST_F(PublicApi, EachTransferEndsInOneCallbackWithItsOutcome)
         std::string url, file;
         int error;
     } cases[] = {
-        {server.Url("/chunked"), "replaced", 0}, {server.Url("/r1"), "moved", 0},   {tls.Url("/ok"), "tls", 0},
-        {server.Url("/none"), "404", 6},         {server.Url("/moved"), "to404", 6}, {server.Url("/empty"), "empty", 6},
-        {server.Url("/203"), "203", 6},          {server.Url("/204"), "204", 6},     {server.Url("/206"), "206", 6},
-        {server.Url("/304"), "304", 6},          {server.Url("/dropped"), "dropped", 6},
-        {"http://127.0.0.1:1/", "refused", 6},   {server.Url("/a"), "/dev/full", 6}, // fails only when closed
-        {server.Url("/a"), "no-such-folder/a", 6}, {server.Url("/a"), "fifo", 6},  {server.Url("/a"), "folder", 6},
-        {server.Url("/a"), "/proc/self/comm", 6},  {server.Url("/a"), "rel", 0},
+        {server.Url("/chunked"), "replaced", 0},
+        {server.Url("/r1"), "moved", 0},
+        {tls.Url("/ok"), "tls", 0},
+        {server.Url("/none"), "404", 6},
+        {server.Url("/moved"), "to404", 6},
+        {server.Url("/empty"), "empty", 6},
+        {server.Url("/203"), "203", 6},
+        {server.Url("/204"), "204", 6},
+        {server.Url("/206"), "206", 6},
+        {server.Url("/304"), "304", 6},
+        {server.Url("/dropped"), "dropped", 6},
+        {"http://127.0.0.1:1/", "refused", 6},
+        {server.Url("/a"), "/dev/full", 6}, // fails only when closed
+        {server.Url("/a"), "no-such-folder/a", 6},
+        {server.Url("/a"), "fifo", 6},
+        {server.Url("/a"), "folder", 6},
+        {server.Url("/a"), "/proc/self/comm", 6},
+        {server.Url("/a"), "rel", 0},
     };
     // Given as is: absolute ones and "rel", relative to the folder of the request.
     auto given = [](const std::string& file) { return file[0] == '/' || file == "rel" ? file : TempPath(file); };
@@ -172,7 +184,8 @@ TEST_F(PublicApi, EachTransferEndsInOneCallbackWithItsOutcome)
     alarm(0);
     std::filesystem::current_path(cwd);
     EXPECT_EQ(comm, ReadFile("/proc/self/comm"));
-    EXPECT_TRUE(log.Contains(kError, "url_downloader_body_parser", "Failed to write data to:" + TempPath("fifo") + "\n"));
+    EXPECT_TRUE(
+        log.Contains(kError, "url_downloader_body_parser", "Failed to write data to:" + TempPath("fifo") + "\n"));
     EXPECT_EQ(1, CountCacheRows("url='" + server.Url("/a") + "' and filepath='" + TempPath("rel") + "'"));
     EXPECT_FALSE(FileExists(TempPath("empty")));
     EXPECT_EQ(Pattern(50000, 8).substr(0, 20000), ReadFile(TempPath("dropped")));
@@ -201,7 +214,8 @@ TEST_F(PublicApi, AStalledTransferHoldsUpNothingAndItsBytesAreOnDisk)
         Get("/a", "a" + std::to_string(i));
         ASSERT_TRUE(Deliveries::WaitFor(i, 10s));
     }
-    const auto each = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start) / n;
+    const auto each = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start) /
+                      n;
     EXPECT_LT(each.count(), 300) << "ms per download beside the stalled one";
     for (const Delivery& d : Deliveries::All())
         EXPECT_EQ(0, d.error);
@@ -258,8 +272,10 @@ TEST_F(PublicApi, CancelCacheAndClean)
 
     auto all = Deliveries::All();
     ASSERT_EQ(4u, all.size());
-    const std::tuple<const char*, int, std::optional<std::string>> expected[] = {
-        {"ok", 0, TempPath("ok")}, {"slow", 16, std::nullopt}, {"hit", 0, TempPath("ok")}, {"again", 0, TempPath("again")}};
+    const std::tuple<const char*, int, std::optional<std::string>> expected[] = {{"ok", 0, TempPath("ok")},
+                                                                                 {"slow", 16, std::nullopt},
+                                                                                 {"hit", 0, TempPath("ok")},
+                                                                                 {"again", 0, TempPath("again")}};
     for (const auto& [file, error, path] : expected) {
         ASSERT_TRUE(Find(all, file)) << file;
         EXPECT_EQ(error, Find(all, file)->error) << file;
@@ -380,7 +396,8 @@ TEST(Lifecycle, RacingFirstRegistrationsStartTheLibraryOnceAndFinalizeEndsItsThr
         EXPECT_EQ(threads, Entries("/proc/self/task", threads)) << spare << " spare";
         EXPECT_EQ(fds, Entries("/proc/self/fd", fds)) << spare << " spare";
     }
-    EXPECT_EQ((std::set<int>{0, URL_DOWNLOADER_ERROR_PIPE_CREATION_FAILED, URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED}),
+    EXPECT_EQ((std::set<int>{0, URL_DOWNLOADER_ERROR_PIPE_CREATION_FAILED,
+                             URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED}),
               seen);
     url_downloader_finalize();
 }

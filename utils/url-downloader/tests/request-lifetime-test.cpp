@@ -54,8 +54,9 @@ protected:
     int Get(url_downloader_h svc, int index, url_downloader_api_h* api = nullptr, const char* path = "/a")
     {
         url_downloader_api_h ignored;
-        return url_downloader_download(svc, TempPath("r" + std::to_string(index % 64)).c_str(), server.Url(path).c_str(),
-                                       false, (void*)(intptr_t)index, api != nullptr ? api : &ignored);
+        return url_downloader_download(svc, TempPath("r" + std::to_string(index % 64)).c_str(),
+                                       server.Url(path).c_str(), false, (void*)(intptr_t)index,
+                                       api != nullptr ? api : &ignored);
     }
     // Bounded: the count of callbacks for requests [0, n) reached, none twice.
     static bool EachAnsweredAtMostOnce(int n)
@@ -164,7 +165,8 @@ TEST_F(RequestLifetime, ConcurrentCancelAllsEachWaitForTheirOwnSweep)
         t.join();
     pthread_barrier_destroy(&meet);
     server.Release("/held");
-    EXPECT_TRUE(RunMainLoopUntil([] { return g_calls[kMax - 1] == 1; }, 10s)) << "another service's request was dropped";
+    EXPECT_TRUE(RunMainLoopUntil([] { return g_calls[kMax - 1] == 1; }, 10s))
+        << "another service's request was dropped";
     ASSERT_TRUE(EachAnsweredAtMostOnce(2 * rounds * batch));
     const int late = std::accumulate(std::begin(g_late), std::end(g_late), 0);
     EXPECT_EQ(0, alive) << "requests still alive after their cancel-all returned";

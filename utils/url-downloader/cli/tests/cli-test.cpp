@@ -72,7 +72,11 @@ struct Client {
         g_object_unref(launcher);
         g_assert_no_error(error);
     }
-    ~Client() { g_subprocess_force_exit(process_); g_object_unref(process_); }
+    ~Client()
+    {
+        g_subprocess_force_exit(process_);
+        g_object_unref(process_);
+    }
 
     // Exit status once the program has ended; -1 when it did not in time.
     int Wait()
@@ -99,12 +103,25 @@ TEST(CliArguments, BadArgumentsExitTwoWithAnErrorAndAHintAndTouchNothing)
     std::ofstream(list) << "# comment\n\n" << url << "=x\nftp://127.0.0.1/c\n";
     // Arguments, and what the message must name where it matters; standard input is the list.
     const std::vector<std::pair<Lines, std::string>> cases = {
-        {{}, ""}, {{"fetch", url}, ""}, {{"get"}, ""}, {{"get", "--bogus", url}, ""}, {{"get", url, "--app"}, ""},
-        {{"get", "=" + dir + "/a"}, ""}, {{"get", url + "="}, ""}, {{"get", url + "=" + dir + "/"}, ""},
-        {{"get", "ftp://127.0.0.1/a"}, ""}, {{"get", "http:///a"}, ""}, {{"get", "-i", dir + "/absent"}, ""},
-        {{"get", "-o", dir, url, server.Url("/b/a")}, ""}, {{"clean"}, ""}, {{"clean", "--app", "x", url}, ""},
-        {{"clean", "--cache", "--app", "x"}, ""}, {{"cache"}, ""}, {{"cache", "list", url}, ""},
-        {{"cache", "clean"}, ""}, {{"get", "-i", "-"}, "-:4: unsupported URL"},
+        {{}, ""},
+        {{"fetch", url}, ""},
+        {{"get"}, ""},
+        {{"get", "--bogus", url}, ""},
+        {{"get", url, "--app"}, ""},
+        {{"get", "=" + dir + "/a"}, ""},
+        {{"get", url + "="}, ""},
+        {{"get", url + "=" + dir + "/"}, ""},
+        {{"get", "ftp://127.0.0.1/a"}, ""},
+        {{"get", "http:///a"}, ""},
+        {{"get", "-i", dir + "/absent"}, ""},
+        {{"get", "-o", dir, url, server.Url("/b/a")}, ""},
+        {{"clean"}, ""},
+        {{"clean", "--app", "x", url}, ""},
+        {{"clean", "--cache", "--app", "x"}, ""},
+        {{"cache"}, ""},
+        {{"cache", "list", url}, ""},
+        {{"cache", "clean"}, ""},
+        {{"get", "-i", "-"}, "-:4: unsupported URL"},
         {{"get", "-o", dir, url + "=x", "-i", list}, list + ":3: two downloads would write the same file"},
     };
     for (const auto& [args, named] : cases) {
@@ -134,10 +151,10 @@ TEST(CliGet, ResultsAndExitStatusThroughTheProxyAndTheLogOnlyWhenVerbose)
         Client client({"get", "--proxy", proxy.Url(""), verbose ? "-vo" : "-o", dir, ok, "-i", verbose ? "-" : list},
                       UD_CLI_PROGRAM, list);
         EXPECT_EQ(client.Wait(), 1);
-        EXPECT_EQ(Results(client.Out()), (std::vector<Lines>{{ok, dir + "/ok.bin", "4", kOk, "network"},
-                                                             {gone, "-", "-", kFailed, "-"}}));
+        EXPECT_EQ(Results(client.Out()),
+                  (std::vector<Lines>{{ok, dir + "/ok.bin", "4", kOk, "network"}, {gone, "-", "-", kFailed, "-"}}));
         EXPECT_EQ(ud_test::ReadFile(dir + "/ok.bin"), "fine");
-        EXPECT_FALSE(ud_test::FileExists(dir + "/sub/gone.html")); // the error page is no download
+        EXPECT_FALSE(ud_test::FileExists(dir + "/sub/gone.html"));               // the error page is no download
         EXPECT_EQ(client.Err().find("> GET ") != npos, verbose) << client.Err(); // libcurl's trace
         EXPECT_EQ(client.Err().find("/URL-Downloader: ") != npos, verbose);      // the library's log
     }

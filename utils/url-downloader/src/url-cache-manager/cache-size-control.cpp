@@ -85,8 +85,7 @@ int64_t URLCacheManager::cleanUrlCache()
         scratch->expirytime = sqlite3_column_int64(stmt, 5);
         scratch->filesize = sqlite3_column_int64(stmt, 3);
 
-        char* deletion = sqlite3_mprintf("delete from %s where id=%lld", URL_CACHE_TABLE_NAME,
-                                         (long long)scratch->id);
+        char* deletion = sqlite3_mprintf("delete from %s where id=%lld", URL_CACHE_TABLE_NAME, (long long)scratch->id);
         if (deletion == NULL) {
             UD_ERROR("sqlite3_mprintf returned NULL, so returning!");
             ok = false;

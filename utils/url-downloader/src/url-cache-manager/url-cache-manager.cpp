@@ -180,8 +180,7 @@ void recover_if_corrupt()
         if (from != NULL && aside != NULL) {
             snprintf(aside, size, "%s.corrupt", path);
             rename(path, aside);
-            UD_ERROR("Cache database %s is corrupt: moved aside to %s, a new one is made", path,
-                        aside);
+            UD_ERROR("Cache database %s is corrupt: moved aside to %s, a new one is made", path, aside);
             snprintf(from, size, "%s-wal", path);
             snprintf(aside, size, "%s.corrupt-wal", path);
             rename(from, aside);
@@ -370,10 +369,7 @@ bool CacheDbSession::Prepare(const char* func, char* query)
     return false;
 }
 
-const char* url_cache_db_error_text(const char* errmsg, int rc)
-{
-    return errmsg != NULL ? errmsg : sqlite3_errstr(rc);
-}
+const char* url_cache_db_error_text(const char* errmsg, int rc) { return errmsg != NULL ? errmsg : sqlite3_errstr(rc); }
 
 namespace {
 
@@ -472,8 +468,7 @@ bool URLCacheManager::addUrlCache(UrlCache& cache)
     char* query = sqlite3_mprintf(
         "insert into %s (url, filepath, filesize, downloadtime, expirytime, appname) values (%Q, %Q, %lld, %lld, %lld, %Q)",
         URL_CACHE_TABLE_NAME, cache.url, cache.filepath, (long long)cache.filesize, (long long)cache.downloadtime,
-        (long long)cache.expirytime,
-        cache.appname);
+        (long long)cache.expirytime, cache.appname);
     return execute_modification(__FUNCTION__, query, false);
 }
 
@@ -483,8 +478,7 @@ bool URLCacheManager::updateUrlCache(UrlCache& cache)
     char* query = sqlite3_mprintf(
         "update %s set url=%Q, filepath=%Q, filesize=%lld, downloadtime=%lld, expirytime=%lld, appname=%Q where id=%lld",
         URL_CACHE_TABLE_NAME, cache.url, cache.filepath, (long long)cache.filesize, (long long)cache.downloadtime,
-        (long long)cache.expirytime,
-        cache.appname, (long long)cache.id);
+        (long long)cache.expirytime, cache.appname, (long long)cache.id);
     return execute_modification(__FUNCTION__, query, false);
 }
 
@@ -515,7 +509,8 @@ UrlCache* URLCacheManager::findUrlCache(char* url)
     }
     UrlCache* record = new (std::nothrow) UrlCache();
     UD_ASSERT_ALLOC(record);
-    return read_one_row(__FUNCTION__, record, sqlite3_mprintf("select * from %s where url=%Q", URL_CACHE_TABLE_NAME, url));
+    return read_one_row(__FUNCTION__, record,
+                        sqlite3_mprintf("select * from %s where url=%Q", URL_CACHE_TABLE_NAME, url));
 }
 
 UrlCache* URLCacheManager::getUrlCache(int64_t id)
@@ -523,5 +518,6 @@ UrlCache* URLCacheManager::getUrlCache(int64_t id)
     UD_BEGIN();
     UrlCache* record = new (std::nothrow) UrlCache();
     UD_ASSERT_ALLOC(record);
-    return read_one_row(__FUNCTION__, record, sqlite3_mprintf("select * from %s where id=%lld", URL_CACHE_TABLE_NAME, (long long)id));
+    return read_one_row(__FUNCTION__, record,
+                        sqlite3_mprintf("select * from %s where id=%lld", URL_CACHE_TABLE_NAME, (long long)id));
 }

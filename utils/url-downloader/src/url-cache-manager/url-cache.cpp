@@ -7,10 +7,7 @@
 
 namespace {
 
-char* dup_or_null(const char* s)
-{
-    return s != NULL ? strdup(s) : NULL;
-}
+char* dup_or_null(const char* s) { return s != NULL ? strdup(s) : NULL; }
 
 void free_and_clear(char*& s)
 {
@@ -34,10 +31,7 @@ void copy_fields(UrlCache& to, const Source& from)
 
 } // namespace
 
-UrlCache::UrlCache()
-    : id(0), url(NULL), filepath(NULL), filesize(0), downloadtime(0), expirytime(0), appname(NULL)
-{
-}
+UrlCache::UrlCache() : id(0), url(NULL), filepath(NULL), filesize(0), downloadtime(0), expirytime(0), appname(NULL) {}
 
 UrlCache::UrlCache(url_downloader_cache* source) : UrlCache()
 {

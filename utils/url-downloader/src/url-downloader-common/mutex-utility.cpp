@@ -88,8 +88,9 @@ url_downloader_error url_downloader_mutex_utility(pthread_mutex_t* mutex, bool* 
     return URL_DOWNLOADER_ERROR_NONE;
 }
 
-bool _url_downloader_named_mutex_operation(pthread_mutex_t* mutex, bool* initialised, const char* func, const char* lock_name,
-                                           url_downloader_mutex_operation_t operation, url_downloader_error* error)
+bool _url_downloader_named_mutex_operation(pthread_mutex_t* mutex, bool* initialised, const char* func,
+                                           const char* lock_name, url_downloader_mutex_operation_t operation,
+                                           url_downloader_error* error)
 {
     if (error == NULL) {
         UD_ERROR_AS(func, "Provided error-code is NULL");

@@ -14,10 +14,9 @@ namespace {
  * writing /proc/self/comm renames the process, reading some of /sys acts. */
 bool is_pseudo_file_system(int fd)
 {
-    static const uint32_t kPseudo[] = {
-        PROC_SUPER_MAGIC,   SYSFS_MAGIC,       DEBUGFS_MAGIC,      TRACEFS_MAGIC,  SECURITYFS_MAGIC,
-        CGROUP_SUPER_MAGIC, CGROUP2_SUPER_MAGIC, BPF_FS_MAGIC,     EFIVARFS_MAGIC, PSTOREFS_MAGIC,
-        0x62656570 /* configfs */};
+    static const uint32_t kPseudo[] = {PROC_SUPER_MAGIC, SYSFS_MAGIC,        DEBUGFS_MAGIC,       TRACEFS_MAGIC,
+                                       SECURITYFS_MAGIC, CGROUP_SUPER_MAGIC, CGROUP2_SUPER_MAGIC, BPF_FS_MAGIC,
+                                       EFIVARFS_MAGIC,   PSTOREFS_MAGIC,     0x62656570 /* configfs */};
     struct statfs fs;
     if (fstatfs(fd, &fs) != 0)
         return true; // unknown: not trusted

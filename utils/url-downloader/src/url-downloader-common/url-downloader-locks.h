@@ -57,13 +57,10 @@
 #define UD_CAPABILITY(name) UD_THREAD_ANNOTATION(capability(name))
 #define UD_SCOPED_CAPABILITY UD_THREAD_ANNOTATION(scoped_lockable)
 #define UD_GUARDED_BY(lock) UD_THREAD_ANNOTATION(guarded_by(lock))
-#define UD_PT_GUARDED_BY(lock) UD_THREAD_ANNOTATION(pt_guarded_by(lock))
 #define UD_ACQUIRED_AFTER(...) UD_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
 #define UD_REQUIRES(...) UD_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define UD_ACQUIRE(...) UD_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define UD_RELEASE(...) UD_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define UD_EXCLUDES(...) UD_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-#define UD_NO_THREAD_SAFETY_ANALYSIS UD_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 #ifdef __cplusplus
 extern "C" {
@@ -111,8 +108,7 @@ public:
         : lock_(lock), error_(URL_DOWNLOADER_ERROR_NONE), held_(lock.operation(URL_DOWNLOADER_MUTEX_LOCK, &error_))
     {
     }
-    UdScopedLock(UdLock& lock, Retry) UD_ACQUIRE(lock)
-        : lock_(lock), error_(URL_DOWNLOADER_ERROR_NONE), held_(false)
+    UdScopedLock(UdLock& lock, Retry) UD_ACQUIRE(lock) : lock_(lock), error_(URL_DOWNLOADER_ERROR_NONE), held_(false)
     {
         while (!lock.operation(URL_DOWNLOADER_MUTEX_LOCK, &error_)) {
             struct timespec pause = {0, 1000000};

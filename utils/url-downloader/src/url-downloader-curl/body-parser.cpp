@@ -16,8 +16,8 @@ namespace {
 // one write or less and a GiB takes thousands of write calls instead of a
 // hundred thousand. Smaller bodies keep stdio's default: thousands of small
 // transfers at once must not cost a large buffer each.
-const curl_off_t kMediumBody = 64 * 1024;
-const curl_off_t kLargeBody = 1024 * 1024;
+const curl_off_t kMediumBody = (curl_off_t)64 * 1024;
+const curl_off_t kLargeBody = (curl_off_t)1024 * 1024;
 
 // Applications follow a download by watching its file, and a cancelled one
 // resumes from what reached it: bytes may wait in a buffer this long at most

@@ -41,8 +41,8 @@ bool local_seconds(struct tm* tm, int64_t* seconds)
         *seconds = (int64_t)t;
         return true;
     }
-    GDateTime* date = g_date_time_new_local(tm->tm_year + 1900, tm->tm_mon + 1, tm->tm_mday, tm->tm_hour,
-                                            tm->tm_min, (gdouble)tm->tm_sec);
+    GDateTime* date = g_date_time_new_local(tm->tm_year + 1900, tm->tm_mon + 1, tm->tm_mday, tm->tm_hour, tm->tm_min,
+                                            (gdouble)tm->tm_sec);
     if (date == NULL)
         return false;
     *seconds = g_date_time_to_unix(date);

@@ -94,8 +94,7 @@ void run_cycle(UrlDownloader* engine, CURLM* multi)
         {
             UdScopedLock lock(curl_mutex_lock);
             if (!lock.Held()) {
-                UD_ERROR("Locking curl_write_lock failed with error-code as %d",
-                            (int)lock.Error());
+                UD_ERROR("Locking curl_write_lock failed with error-code as %d", (int)lock.Error());
             } else {
                 curl_multi_fdset(multi, &read_set, &write_set, &error_set, &max_fd);
                 curl_multi_timeout(multi, &timeout_ms);

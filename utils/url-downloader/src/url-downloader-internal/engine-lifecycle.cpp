@@ -70,10 +70,10 @@ void apply_connection_policy(CURLM* multi)
 
 void close_download_pipe()
 {
-    for (int i = 0; i < 2; i++) {
-        if (UrlDownloader::downloadPipe[i] >= 0) {
-            close(UrlDownloader::downloadPipe[i]);
-            UrlDownloader::downloadPipe[i] = -1;
+    for (int& fd : UrlDownloader::downloadPipe) {
+        if (fd >= 0) {
+            close(fd);
+            fd = -1;
         }
     }
 }
@@ -237,10 +237,7 @@ UrlDownloader::~UrlDownloader()
     UD_END();
 }
 
-int _url_downloader_transfer_loop_wakeup_fd(void)
-{
-    return loop_wakeup_fd.load();
-}
+int _url_downloader_transfer_loop_wakeup_fd(void) { return loop_wakeup_fd.load(); }
 
 void _url_downloader_wake_transfer_loop(void)
 {
@@ -259,10 +256,7 @@ void _url_downloader_pay_transfer_loop_wakeups(void)
         UD_ERROR("Transfer loop wake-up failed, errno=[%d]", errno);
 }
 
-int _url_downloader_transfer_loop_ended_fd(void)
-{
-    return loop_ended_fd.load();
-}
+int _url_downloader_transfer_loop_ended_fd(void) { return loop_ended_fd.load(); }
 
 void _url_downloader_mark_transfer_loop_ended(void)
 {

@@ -20,17 +20,17 @@
 
 /* Per-transfer record: libcurl's write data, header data and private pointer. */
 typedef struct url_downloader_curl_pvt_data {
-    char* filePath;               /* engine's copy of the destination path, or NULL */
-    FILE* fileHandle;             /* destination, opened on the first body write */
-    char* fileBuffer;             /* its stdio buffer when the body is large, else NULL */
-    int64_t lastChunkMs;          /* monotonic time of the last body chunk, 0 before the first */
-    int64_t bufferedSinceMs;      /* since when bytes wait in the stdio buffer, 0 when none do */
-    bool writeFailed;             /* a close before the end of the body lost bytes */
-    int64_t expiryTime;           /* 0 none seen, -1 unparsable Expires date */
-    int64_t fileSize;             /* body bytes written so far */
+    char* filePath;                 /* engine's copy of the destination path, or NULL */
+    FILE* fileHandle;               /* destination, opened on the first body write */
+    char* fileBuffer;               /* its stdio buffer when the body is large, else NULL */
+    int64_t lastChunkMs;            /* monotonic time of the last body chunk, 0 before the first */
+    int64_t bufferedSinceMs;        /* since when bytes wait in the stdio buffer, 0 when none do */
+    bool writeFailed;               /* a close before the end of the body lost bytes */
+    int64_t expiryTime;             /* 0 none seen, -1 unparsable Expires date */
+    int64_t fileSize;               /* body bytes written so far */
     url_downloader_api_h apiHandle; /* the request served; not owned */
-    CURL* easyHandle;             /* owned */
-    GList* activeLink;            /* its node in activeTransactions, NULL when not listed */
+    CURL* easyHandle;               /* owned */
+    GList* activeLink;              /* its node in activeTransactions, NULL when not listed */
 } url_downloader_curl_pvt_data;
 
 /* What the engine calls back into, all of it above the engine: the proxy of
@@ -73,7 +73,8 @@ public:
     static int downloadPipe[2];
     static pthread_t CurlThread;
     static CURLM* multiHandle UD_GUARDED_BY(curl_mutex_lock);
-    static GList* activeTransactions UD_GUARDED_BY(curl_mutex_lock); /* of url_downloader_curl_pvt_data*, newest first */
+    static GList*
+        activeTransactions UD_GUARDED_BY(curl_mutex_lock); /* of url_downloader_curl_pvt_data*, newest first */
 
 private:
     UrlDownloader() = default;

@@ -9,10 +9,7 @@
 
 /* The state word is read by every public call without a lock; atomic access
  * keeps those reads, and the stores of other threads, well defined. */
-static inline int _url_downloader_load_state(void)
-{
-    return __atomic_load_n(&url_downloader_state, __ATOMIC_SEQ_CST);
-}
+static inline int _url_downloader_load_state(void) { return __atomic_load_n(&url_downloader_state, __ATOMIC_SEQ_CST); }
 
 static inline void _url_downloader_store_state(int state)
 {

@@ -79,7 +79,8 @@ void _url_downloader_process_download_response(url_downloader_api_h api, url_dow
         record.expirytime = expiry;
         record.appname = api->service != NULL ? api->service->appName : NULL;
         UD_DEBUG("Adding to cache \n[ URL=%s,\n filesize=%" PRId64 ",\n appid=%s,\n downloadtime=%" PRId64
-                 ",\n expirytime=%" PRId64 ", "
+                 ",\n expirytime=%" PRId64
+                 ", "
                  "filepath=%s]\n",
                  ud_printable(record.url), record.filesize, ud_printable(record.appname), record.downloadtime,
                  record.expirytime, ud_printable(record.filepath));

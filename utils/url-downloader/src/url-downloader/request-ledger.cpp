@@ -212,7 +212,8 @@ bool _url_downloader_list_mutex_operation(url_downloader_mutex_operation_t opera
                                                  "list_write_lock", operation, error);
 }
 
-bool _url_downloader_prepend_request_list(url_downloader_h service, url_downloader_api_h api, url_downloader_error* error)
+bool _url_downloader_prepend_request_list(url_downloader_h service, url_downloader_api_h api,
+                                          url_downloader_error* error)
 {
     UD_BEGIN();
     url_downloader_request_entry_t* req_handle =
@@ -463,10 +464,7 @@ bool drop_hold(url_downloader_api_h api, bool Held::*hold)
 }
 } // namespace
 
-bool _url_downloader_claim_submitted(url_downloader_api_h api)
-{
-    return drop_hold(api, &Held::submitted);
-}
+bool _url_downloader_claim_submitted(url_downloader_api_h api) { return drop_hold(api, &Held::submitted); }
 
 bool _url_downloader_start_transfer(url_downloader_api_h api)
 {
@@ -485,10 +483,7 @@ bool _url_downloader_start_transfer(url_downloader_api_h api)
     return added;
 }
 
-bool _url_downloader_claim_response(url_downloader_api_h api)
-{
-    return drop_hold(api, &Held::transfer);
-}
+bool _url_downloader_claim_response(url_downloader_api_h api) { return drop_hold(api, &Held::transfer); }
 
 bool _url_downloader_cancel_running(url_downloader_api_h api)
 {
@@ -513,7 +508,7 @@ void _url_downloader_execute_cancel_all_request(url_downloader_message_t* messag
         return;
     }
     *error = URL_DOWNLOADER_ERROR_NONE;
-    const url_downloader_h service = message->service;
+    url_downloader_h service = message->service;
     UdScopedLock lock(list_write_lock);
     if (!lock.Held()) {
         *error = lock.Error();
@@ -541,8 +536,9 @@ void _url_downloader_execute_cancel_all_request(url_downloader_message_t* messag
             } else {
                 unlist_locked(held);
                 cancel_transfer_locked(api, held);
+                const long handle = number(api);
                 if (release_locked(api, held))
-                    UD_DEBUG("Freeing api-handle %ld", number(api));
+                    UD_DEBUG("Freeing api-handle %ld", handle);
             }
         }
         node = next;
@@ -584,8 +580,7 @@ void _url_downloader_queue_delivery(url_downloader_api_h api, GSourceFunc delive
         held->delivery = id;
 }
 
-url_downloader_delivery_start_t _url_downloader_begin_delivery(url_downloader_api_h api,
-                                                               url_downloader_delivery_t* out)
+url_downloader_delivery_start_t _url_downloader_begin_delivery(url_downloader_api_h api, url_downloader_delivery_t* out)
 {
     UdScopedLock lock(list_write_lock);
     if (!lock.Held())

@@ -17,7 +17,8 @@
  * which is refused with 1 unless the service is registered at that moment
  * (checked and added in one locked section, so that a deregistration cannot
  * come in between). A request entry starts owned by its download message. */
-bool _url_downloader_prepend_request_list(url_downloader_h service, url_downloader_api_h api, url_downloader_error* error);
+bool _url_downloader_prepend_request_list(url_downloader_h service, url_downloader_api_h api,
+                                          url_downloader_error* error);
 /* Whether the service, or the request, is listed now. Addresses only: a dead
  * handle is refused without its record being read. Every check of a handle
  * goes through these two; a ledger operation that must act on the answer
@@ -29,7 +30,8 @@ bool _url_downloader_list_mutex_operation(url_downloader_mutex_operation_t opera
 /* ---- client threads ---- */
 
 /* Makes a new service record (copies of the name and proxy). */
-url_downloader_h _url_downloader_new_service(const char* appName, url_downloader_callback_t callback, const char* proxy);
+url_downloader_h _url_downloader_new_service(const char* appName, url_downloader_callback_t callback,
+                                             const char* proxy);
 /* Frees a service record that never got into the list. */
 void _url_downloader_discard_service(url_downloader_h service);
 /* Makes a new request record (copies of path and URL). */
@@ -100,9 +102,9 @@ typedef struct url_downloader_delivery_t {
 } url_downloader_delivery_t;
 
 typedef enum {
-    URL_DOWNLOADER_DELIVERY_CALL,   /* call the callback with *out */
-    URL_DOWNLOADER_DELIVERY_GONE,   /* swept, or not this source's: nothing to do */
-    URL_DOWNLOADER_DELIVERY_SILENT  /* no callback: removed and freed */
+    URL_DOWNLOADER_DELIVERY_CALL,  /* call the callback with *out */
+    URL_DOWNLOADER_DELIVERY_GONE,  /* swept, or not this source's: nothing to do */
+    URL_DOWNLOADER_DELIVERY_SILENT /* no callback: removed and freed */
 } url_downloader_delivery_start_t;
 
 /* Starts the delivery of the request queued by the running idle source. On

@@ -16,12 +16,13 @@ extern "C" {
 #endif
 
 /* ---- library-wide state (service registration) ---- */
-extern volatile int url_downloader_state;      /* url_downloader_state_t */
+extern volatile int url_downloader_state; /* url_downloader_state_t */
 extern sem_t url_downloader_cancel_all_sem;
 extern sem_t url_downloader_deregister_sem;
 
 /* ---- lock wrappers ---- */
-bool _url_downloader_pipe_write_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error);
+bool _url_downloader_pipe_write_mutex_operation(url_downloader_mutex_operation_t operation,
+                                                url_downloader_error* error);
 
 /* ---- processing pipe (processing-pipe.cpp owns its descriptors) ---- */
 /* Made by the first registration, closed by finalization once the
@@ -44,8 +45,8 @@ void _url_downloader_drain_pipe(int ended_fd);
  * writes it and frees it; false (the code in *error) when the write failed.
  * For a command that gets a reply (cancel-all, deregistration), *ticket
  * receives the command's place among the written commands of its type. */
-bool _url_downloader_send_message(int32_t type, url_downloader_h service, url_downloader_api_h api,
-                                  uint64_t* ticket, url_downloader_error* error);
+bool _url_downloader_send_message(int32_t type, url_downloader_h service, url_downloader_api_h api, uint64_t* ticket,
+                                  url_downloader_error* error);
 /* The transfer engine's report of a finished transfer, sent as a response
  * message (the engine's response sink). */
 void _url_downloader_post_response(url_downloader_api_h api, const url_downloader_response_info_t* report);

@@ -67,7 +67,8 @@ void LogCapture::Clear()
 } // namespace ud_test
 
 // Always formatted, so that a bad argument shows under the sanitizers.
-extern "C" __attribute__((visibility("default"))) int __dlog_print(int priority, const char* tag, const char* format, ...)
+extern "C" __attribute__((visibility("default"))) int __dlog_print(int priority, const char* tag, const char* format,
+                                                                   ...)
 {
     if (format == nullptr)
         return -1;

@@ -16,7 +16,8 @@ bool RunMainLoopUntil(const std::function<bool()>& done, std::chrono::millisecon
     // A tick wakes a blocked iteration, so that done() is checked again when
     // its condition does not come from the main context.
     GSource* tick = g_timeout_source_new(5);
-    g_source_set_callback(tick, [](gpointer) { return (gboolean)G_SOURCE_CONTINUE; }, nullptr, nullptr);
+    g_source_set_callback(
+        tick, [](gpointer) { return (gboolean)G_SOURCE_CONTINUE; }, nullptr, nullptr);
     g_source_attach(tick, nullptr);
     bool ok = done();
     while (!ok && std::chrono::steady_clock::now() < deadline) {

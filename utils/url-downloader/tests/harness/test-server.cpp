@@ -68,8 +68,14 @@ std::string TestServer::Url(const std::string& path) const { return state_->base
 
 void TestServer::Route(const std::string& path, Response r)
 {
-    std::vector<std::string> fields = {"route", path, std::to_string(r.status), std::to_string(r.chunked),
-                                       std::to_string(r.stall_after), std::to_string(r.drop_after), r.file, r.body};
+    std::vector<std::string> fields = {"route",
+                                       path,
+                                       std::to_string(r.status),
+                                       std::to_string(r.chunked),
+                                       std::to_string(r.stall_after),
+                                       std::to_string(r.drop_after),
+                                       r.file,
+                                       r.body};
     for (const auto& h : r.headers)
         fields.insert(fields.end(), {h.first, h.second});
     state_->Call(fields);

@@ -37,7 +37,7 @@ public:
     TestServer(const TestServer&) = delete;
     TestServer& operator=(const TestServer&) = delete;
 
-    std::string Url(const std::string& path) const; // "http(s)://127.0.0.1:<port>" + path
+    std::string Url(const std::string& path) const;  // "http(s)://127.0.0.1:<port>" + path
     void Route(const std::string& path, Response r); // also re-arms the path's stall
     void Redirect(const std::string& from, const std::string& to, int status = 302);
     // Lets the current and later stalls of path run to the end, until it is routed again.
