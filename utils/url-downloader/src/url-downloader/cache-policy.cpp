@@ -6,7 +6,6 @@
 
 #include <new>
 #include <inttypes.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>

@@ -1,7 +1,5 @@
 /* The processing thread: carries out each command of the processing pipe. */
-#include <errno.h>
 #include <inttypes.h>
-#include <poll.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>

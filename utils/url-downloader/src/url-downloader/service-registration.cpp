@@ -1,5 +1,4 @@
 /* Registration, network configuration, cache clean, deregistration and finalization. */
-#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
