@@ -29,12 +29,14 @@
  * batch tries to open it: the platform's open waits for the lock itself. */
 #define URL_CACHE_REOPEN_INTERVAL_MS 5000
 
-pthread_mutex_t cache_db_lock = PTHREAD_MUTEX_INITIALIZER;
-sqlite3* cache_db_handle = NULL;
+UdPlainLock cache_db_lock = {PTHREAD_MUTEX_INITIALIZER};
 
 URLCacheManager* URLCacheManager::instance = NULL;
 
 namespace {
+
+/* The process's connection; NULL until (or unless) the database was opened. */
+sqlite3* cache_db_handle UD_GUARDED_BY(cache_db_lock) = NULL;
 
 /* The wait budget of the calling thread (see CacheDbWaitBudget). */
 thread_local bool budget_in_unit = false;
@@ -46,12 +48,12 @@ thread_local bool batch_held = false;
 /* What the process learnt about the file; written under cache_db_lock. The
  * two flags are also read without it (url_cache_db_current_state), so that
  * the processing thread's look before every command takes no lock. */
-std::atomic<bool> lock_episode{false}; /* another process held the lock for a whole busy wait */
-std::atomic<bool> no_access{false};    /* the file may not be opened for writing by this process */
-bool never_wait = false;               /* set around a statement that must not wait */
-int64_t next_open_try_ms = 0;
+std::atomic<bool> lock_episode{false};                /* another process held the lock for a whole busy wait */
+std::atomic<bool> no_access{false};                   /* the file may not be opened for writing by this process */
+bool never_wait UD_GUARDED_BY(cache_db_lock) = false; /* set around a statement that must not wait */
+int64_t next_open_try_ms UD_GUARDED_BY(cache_db_lock) = 0;
 
-void start_lock_episode()
+void start_lock_episode() UD_REQUIRES(cache_db_lock)
 {
     if (lock_episode)
         return;
@@ -65,7 +67,7 @@ void start_lock_episode()
  * most one busy timeout per unit of work, so that several statements of one
  * request never wait one after the other; and not at all once a wait has run
  * out, until the lock is seen gone. */
-int wait_within_budget(void*, int count)
+int wait_within_budget(void*, int count) UD_REQUIRES(cache_db_lock)
 {
     if (lock_episode || never_wait)
         return 0;
@@ -92,14 +94,17 @@ bool is_code(int rc, int code) { return (rc & 0xff) == code; }
 
 /* Corruption seen by a statement since the last check, and whether this
  * process has already made a new database once; cache_db_lock held. */
-bool corrupt_seen = false;
-bool recovered = false;
+bool corrupt_seen UD_GUARDED_BY(cache_db_lock) = false;
+bool recovered UD_GUARDED_BY(cache_db_lock) = false;
 /* The file the connection opened, to tell whether it is still the one at the
  * database's path. */
-dev_t opened_device = 0;
-ino_t opened_inode = 0;
+dev_t opened_device UD_GUARDED_BY(cache_db_lock) = 0;
+ino_t opened_inode UD_GUARDED_BY(cache_db_lock) = 0;
 
-bool is_opened_file(const struct stat& info) { return info.st_dev == opened_device && info.st_ino == opened_inode; }
+bool is_opened_file(const struct stat& info) UD_REQUIRES(cache_db_lock)
+{
+    return info.st_dev == opened_device && info.st_ino == opened_inode;
+}
 
 /* Opens the database and makes the table, logging under func (the operation
  * that opens it); cache_db_lock held. A database
@@ -107,7 +112,7 @@ bool is_opened_file(const struct stat& info) { return info.st_dev == opened_devi
  * statement; one locked by another process by the next write batch; one this
  * process may not write never again (one line in the log, not one per
  * request). */
-bool open_locked(const char* func)
+bool open_locked(const char* func) UD_REQUIRES(cache_db_lock)
 {
     if (cache_db_handle != NULL)
         return true;
@@ -159,7 +164,7 @@ bool is_corrupt(int rc) { return is_code(rc, SQLITE_CORRUPT) || is_code(rc, SQLI
 
 /* After a statement saw a corrupt database: moves the file aside and makes a
  * new one, once per process. cache_db_lock held, no statement open. */
-void recover_if_corrupt()
+void recover_if_corrupt() UD_REQUIRES(cache_db_lock)
 {
     if (!corrupt_seen || cache_db_handle == NULL)
         return;
@@ -198,7 +203,7 @@ void recover_if_corrupt()
  * that moved a corrupt one aside) would otherwise keep the process on a file
  * that no other process sees. Costs one lstat per lookup, admission or write
  * batch, not one per statement; cache_db_lock held, outside a transaction. */
-void reopen_if_replaced()
+void reopen_if_replaced() UD_REQUIRES(cache_db_lock)
 {
     if (cache_db_handle == NULL || sqlite3_get_autocommit(cache_db_handle) == 0)
         return;
@@ -231,18 +236,19 @@ int url_cache_db_note(int rc)
     return rc;
 }
 
-void url_cache_db_enter(void)
+// The primitives of the lock: the analysis takes their word for it.
+void url_cache_db_enter(void) UD_NO_THREAD_SAFETY_ANALYSIS
 {
     if (!batch_held)
-        pthread_mutex_lock(&cache_db_lock);
+        pthread_mutex_lock(&cache_db_lock.mutex);
 }
 
-void url_cache_db_leave(void)
+void url_cache_db_leave(void) UD_NO_THREAD_SAFETY_ANALYSIS
 {
     if (batch_held)
         return; // the batch recovers a corrupt file once it has ended
     recover_if_corrupt();
-    pthread_mutex_unlock(&cache_db_lock);
+    pthread_mutex_unlock(&cache_db_lock.mutex);
 }
 
 bool url_cache_db_in_transaction(void)
@@ -250,16 +256,16 @@ bool url_cache_db_in_transaction(void)
     return cache_db_handle != NULL && sqlite3_get_autocommit(cache_db_handle) == 0;
 }
 
-void url_cache_db_close(void)
+void url_cache_db_close(void) UD_NO_THREAD_SAFETY_ANALYSIS
 {
-    pthread_mutex_lock(&cache_db_lock);
+    pthread_mutex_lock(&cache_db_lock.mutex);
     sqlite3_close_v2(cache_db_handle);
     cache_db_handle = NULL;
     lock_episode = false;
     no_access = false;
     corrupt_seen = false;
     recovered = false;
-    pthread_mutex_unlock(&cache_db_lock);
+    pthread_mutex_unlock(&cache_db_lock.mutex);
 }
 
 url_cache_db_state url_cache_db_open_state(void)
@@ -272,9 +278,9 @@ url_cache_db_state url_cache_db_open_state(void)
 
 url_cache_db_state url_cache_db_current_state(void) { return current_state(); }
 
-CacheDbWriteBatch::CacheDbWriteBatch()
+CacheDbWriteBatch::CacheDbWriteBatch() UD_NO_THREAD_SAFETY_ANALYSIS
 {
-    pthread_mutex_lock(&cache_db_lock);
+    pthread_mutex_lock(&cache_db_lock.mutex);
     batch_held = true;
     if (cache_db_handle == NULL && lock_episode && !no_access) {
         /* Opening waits for the lock inside the platform's utility: tried
@@ -321,7 +327,7 @@ bool CacheDbWriteBatch::Commit()
     return true;
 }
 
-CacheDbWriteBatch::~CacheDbWriteBatch()
+CacheDbWriteBatch::~CacheDbWriteBatch() UD_NO_THREAD_SAFETY_ANALYSIS
 {
     if (began_) {
         char* errmsg = NULL;
@@ -330,7 +336,7 @@ CacheDbWriteBatch::~CacheDbWriteBatch()
     }
     batch_held = false;
     recover_if_corrupt();
-    pthread_mutex_unlock(&cache_db_lock);
+    pthread_mutex_unlock(&cache_db_lock.mutex);
 }
 
 CacheDbWaitBudget::CacheDbWaitBudget()

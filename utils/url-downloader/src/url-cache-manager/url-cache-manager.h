@@ -4,6 +4,8 @@
 
 #include <stdint.h>
 
+#include "url-downloader-locks.h"
+
 #define UD_CACHE_EXPORT __attribute__((visibility("default")))
 
 #define URL_CACHE_DB_PATH "/opt/dbspace/.urlcache.db"
@@ -62,16 +64,16 @@ url_cache_db_state url_cache_db_current_state(void);
  * false while another process holds the lock (or the database is off). Its
  * thread's manager operations run inside it; others of the process wait for
  * its end. Rolled back unless committed. Beginning ends a lock episode. */
-class CacheDbWriteBatch {
+class UD_SCOPED_CAPABILITY CacheDbWriteBatch {
 public:
-    CacheDbWriteBatch();
-    ~CacheDbWriteBatch();
+    CacheDbWriteBatch() UD_ACQUIRE(cache_db_lock);
+    ~CacheDbWriteBatch() UD_RELEASE();
     CacheDbWriteBatch(const CacheDbWriteBatch&) = delete;
     CacheDbWriteBatch& operator=(const CacheDbWriteBatch&) = delete;
 
     bool Began() const { return began_; }
     /* False when the transaction could not be committed (it is rolled back). */
-    bool Commit();
+    bool Commit() UD_REQUIRES(cache_db_lock);
 
 private:
     bool began_ = false;

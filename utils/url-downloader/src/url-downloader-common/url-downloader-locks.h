@@ -27,8 +27,10 @@
  *     lifecycle_lock.
  *   - delivery_lock (request-ledger.cpp, std::mutex): the client callbacks
  *     running now; taken alone or under list_write_lock.
- *   - cache_db_lock (url-cache-manager.cpp): the cache database connection
- *     and its statements; nothing is taken under it but SQLite's own locks.
+ *   - cache_db_lock (url-cache-manager.cpp): the cache database connection,
+ *     its statements and what the process learnt about the file; nothing is
+ *     taken under it but SQLite's own locks. A write batch holds it for its
+ *     whole scope; the statements run inside the batch do not take it again.
  *   - lazy_init_guard (mutex-utility.cpp): the lazy initialisation of the
  *     lock utility's pairs; held only inside the utility.
  *   - GLib's main-context lock: g_idle_add takes it under list_write_lock,
@@ -61,6 +63,8 @@
 #define UD_REQUIRES(...) UD_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define UD_ACQUIRE(...) UD_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define UD_RELEASE(...) UD_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+/* For the few functions that are the lock primitives themselves. */
+#define UD_NO_THREAD_SAFETY_ANALYSIS UD_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 #ifdef __cplusplus
 extern "C" {
@@ -93,6 +97,13 @@ extern UdLock list_write_lock;
 extern UdLock curl_mutex_lock UD_ACQUIRED_AFTER(list_write_lock);
 extern UdLock pipe_write_lock UD_ACQUIRED_AFTER(curl_mutex_lock);
 extern UdLock downloader_instance_lock;
+
+/* A plain mutex outside the lock utility that the analysis knows. */
+struct UD_CAPABILITY("mutex") UdPlainLock {
+    pthread_mutex_t mutex;
+};
+/* Innermost: nothing of the library is taken under it. */
+extern UdPlainLock cache_db_lock UD_ACQUIRED_AFTER(pipe_write_lock, downloader_instance_lock);
 
 /* Holds one of the lock utility's locks for its scope. Taking it may fail
  * (the utility's code is then in Error() and nothing is held); leaving the
