@@ -45,7 +45,8 @@ run_clang_tidy=$(pick run-clang-tidy-14 run-clang-tidy)
 status=0
 
 # ---- formatting ----
-mapfile -t sources < <(git ls-files '*.c' '*.h' '*.cpp')
+# The client's header keeps the layout it was given in.
+mapfile -t sources < <(git ls-files '*.c' '*.h' '*.cpp' ':!:utils/url-downloader/include/url-downloader.h')
 unformatted=()
 for f in "${sources[@]}"; do
     if ! "$clang_format" --dry-run -Werror "$f" >/dev/null 2>&1; then

@@ -28,25 +28,24 @@ extern "C" {
 
 /** Result of every public call (but url_downloader_finalize) and outcome of a request. */
 typedef enum {
-    URL_DOWNLOADER_ERROR_NONE = 0,               /**< success; a completed download or cache hit */
-    URL_DOWNLOADER_ERROR_INVALID_PARAMETER = 1,  /**< NULL or unknown service handle, NULL out-parameter */
-    URL_DOWNLOADER_ERROR_INVALID_URL = 2,        /**< url_downloader_download got a NULL URL */
-    URL_DOWNLOADER_ERROR_INVALID_FILE_PATH = 3,  /**< url_downloader_download got a NULL file path */
-    URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED = 4,   /**< internal: a cache row could not be inserted */
-    URL_DOWNLOADER_ERROR_CACHE_CLEAN_FAILED = 5, /**< url_downloader_clean could not delete the rows */
-    URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED = 6,    /**< request outcome: status not 200, empty body or transfer error */
-    URL_DOWNLOADER_ERROR_CACHE_SIZE_FAILED = 7,  /**< internal: the cache size could not be read */
-    URL_DOWNLOADER_ERROR_PIPE_READ_FAILED = 8,   /**< internal: the processing thread could not read a command */
-    URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED = 9,  /**< a command could not be queued */
-    URL_DOWNLOADER_ERROR_PIPE_CREATION_FAILED = 10, /**< the first registration could not create its pipe */
-    URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED = 11,    /**< a lock could not be initialised */
-    URL_DOWNLOADER_ERROR_MUTEX_LOCK_FAILED = 12,    /**< a lock could not be taken */
+    URL_DOWNLOADER_ERROR_NONE = 0,                 /**< success; a completed download or cache hit */
+    URL_DOWNLOADER_ERROR_INVALID_PARAMETER = 1,    /**< NULL or unknown service handle, NULL out-parameter */
+    URL_DOWNLOADER_ERROR_INVALID_URL = 2,          /**< url_downloader_download got a NULL URL */
+    URL_DOWNLOADER_ERROR_INVALID_FILE_PATH = 3,    /**< url_downloader_download got a NULL file path */
+    URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED = 4,     /**< internal: a cache row could not be inserted */
+    URL_DOWNLOADER_ERROR_CACHE_CLEAN_FAILED = 5,   /**< url_downloader_clean could not delete the rows */
+    URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED = 6,      /**< request outcome: status not 200, empty body or transfer error */
+    URL_DOWNLOADER_ERROR_CACHE_SIZE_FAILED = 7,    /**< internal: the cache size could not be read */
+    URL_DOWNLOADER_ERROR_PIPE_READ_FAILED = 8,     /**< internal: the processing thread could not read a command */
+    URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED = 9,    /**< a command could not be queued */
+    URL_DOWNLOADER_ERROR_PIPE_CREATION_FAILED = 10,/**< the first registration could not create its pipe */
+    URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED = 11,   /**< a lock could not be initialised */
+    URL_DOWNLOADER_ERROR_MUTEX_LOCK_FAILED = 12,   /**< a lock could not be taken */
     URL_DOWNLOADER_ERROR_MUTEX_UNLOCK_FAILED = 13,  /**< a lock could not be released */
-    URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED =
-        14,                                       /**< a library thread or the transfer engine could not be started */
-    URL_DOWNLOADER_ERROR_INVALID_API_HANDLE = 15, /**< NULL or dead request handle, NULL request out-parameter */
-    URL_DOWNLOADER_ERROR_REQUEST_CANCELLED = 16,  /**< request outcome: cancelled with url_downloader_cancel_request */
-    URL_DOWNLOADER_ERROR_SERVICE_DESTROYING = 17, /**< url_downloader_finalize is running */
+    URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED = 14, /**< a library thread or the transfer engine could not be started */
+    URL_DOWNLOADER_ERROR_INVALID_API_HANDLE = 15,  /**< NULL or dead request handle, NULL request out-parameter */
+    URL_DOWNLOADER_ERROR_REQUEST_CANCELLED = 16,   /**< request outcome: cancelled with url_downloader_cancel_request */
+    URL_DOWNLOADER_ERROR_SERVICE_DESTROYING = 17,  /**< url_downloader_finalize is running */
     /* 18 is not used. */
     URL_DOWNLOADER_ERROR_INVALID_NETWORK_CONFIG = 19 /**< NULL configuration or NULL proxy */
 } url_downloader_error;
@@ -97,7 +96,8 @@ typedef struct url_downloader_api_t* url_downloader_api_h;
  * - It may call any public function, url_downloader_deregister and
  *   url_downloader_finalize included.
  */
-typedef bool (*url_downloader_callback_t)(url_downloader_api_h request, void* file_path, void* user_data, int error);
+typedef bool (*url_downloader_callback_t)(url_downloader_api_h request, void* file_path,
+                                          void* user_data, int error);
 
 /** One registered client. Owned by the library; clients only hold its address. */
 typedef struct url_downloader_service_t {
@@ -108,13 +108,13 @@ typedef struct url_downloader_service_t {
 
 /** One download request. Owned by the library; clients only hold its address. */
 typedef struct url_downloader_api_t {
-    int32_t transferActive;   /**< 1 once a transfer has been added to the engine */
-    url_downloader_h service; /**< the service that submitted the request */
-    char* filePath;           /**< destination path (or cached file's path); NULL on failure */
-    char* url;                /**< the URL */
-    bool useCache;            /**< consult the URL cache before a transfer */
-    const void* userData;     /**< client's opaque pointer, never dereferenced */
-    int error;                /**< outcome: 0, 6 or 16 */
+    int32_t transferActive;     /**< 1 once a transfer has been added to the engine */
+    url_downloader_h service;   /**< the service that submitted the request */
+    char* filePath;             /**< destination path (or cached file's path); NULL on failure */
+    char* url;                  /**< the URL */
+    bool useCache;              /**< consult the URL cache before a transfer */
+    const void* userData;       /**< client's opaque pointer, never dereferenced */
+    int error;                  /**< outcome: 0, 6 or 16 */
 } url_downloader_api_t;
 
 /** Element of the library's request list: a registration entry (api NULL) or a request entry. */
@@ -178,8 +178,11 @@ URL_DOWNLOADER_API void url_downloader_finalize(void);
  * Returns 0, 1 (NULL or unknown service), 15 (request NULL), 17,
  * 3 (file_path NULL), 2 (url NULL), or the pipe/lock error (9, 11-13).
  */
-URL_DOWNLOADER_API url_downloader_error url_downloader_download(url_downloader_h service, const char* file_path,
-                                                                const char* url, bool use_cache, const void* user_data,
+URL_DOWNLOADER_API url_downloader_error url_downloader_download(url_downloader_h service,
+                                                                const char* file_path,
+                                                                const char* url,
+                                                                bool use_cache,
+                                                                const void* user_data,
                                                                 url_downloader_api_h* request);
 
 /**

@@ -76,19 +76,16 @@ void _url_downloader_response_cb(CURL* easy_handle, void* user_data, CURLcode re
 
 void _url_downloader_flush_responses(void)
 {
-    if (outbox.reports->len == 0)
-        return;
-    GArray* pending = outbox.reports;
-    outbox.reports = g_array_new(FALSE, FALSE, sizeof(Report));
+    // The sink never judges a transfer, so nothing is added meanwhile.
     const url_downloader_response_sink_t sink = __atomic_load_n(&response_sink, __ATOMIC_ACQUIRE);
-    for (guint i = 0; i < pending->len; ++i) {
-        const Report& report = g_array_index(pending, Report, i);
+    for (guint i = 0; i < outbox.reports->len; ++i) {
+        const Report& report = g_array_index(outbox.reports, Report, i);
         if (sink != NULL)
             sink(report.api, &report.info);
         else
             UD_ERROR("Dropping unsent response for api-handle %ld", (long)(intptr_t)report.api);
     }
-    g_array_free(pending, TRUE);
+    g_array_set_size(outbox.reports, 0);
 }
 
 void _url_downloader_finish_transfer(UrlDownloader* engine, CURL* easy, url_downloader_curl_pvt_data* data,

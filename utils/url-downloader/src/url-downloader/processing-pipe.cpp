@@ -43,6 +43,9 @@ int reply_slot(int32_t type)
     return -1;
 }
 
+// Each type's semaphore, by slot.
+sem_t* const reply_sems[2] = {&url_downloader_cancel_all_sem, &url_downloader_deregister_sem};
+
 // Writes one record; the caller holds pipe_write_lock.
 ssize_t write_record(const url_downloader_message_t* message) UD_REQUIRES(pipe_write_lock)
 {
@@ -101,27 +104,29 @@ void _url_downloader_close_pipe(void)
     }
 }
 
-void _url_downloader_post_reply(int32_t type, sem_t* reply)
+void _url_downloader_post_reply(int32_t type)
 {
-    int slot = reply_slot(type);
-    if (slot >= 0) {
+    const int slot = reply_slot(type);
+    if (slot < 0)
+        return;
+    {
         std::lock_guard<std::mutex> guard(reply_lock);
         replies_done[slot]++;
         reply_done.notify_all();
     }
-    sem_post(reply);
+    sem_post(reply_sems[slot]);
 }
 
-bool _url_downloader_wait_reply(sem_t* reply, int32_t type, uint64_t ticket)
+bool _url_downloader_wait_reply(int32_t type, uint64_t ticket)
 {
+    const int slot = reply_slot(type);
+    if (slot < 0)
+        return false;
     int waited;
-    while ((waited = sem_wait(reply)) != 0 && errno == EINTR) {
+    while ((waited = sem_wait(reply_sems[slot])) != 0 && errno == EINTR) {
     }
-    int slot = reply_slot(type);
-    if (slot >= 0) {
-        std::unique_lock<std::mutex> guard(reply_lock);
-        reply_done.wait(guard, [slot, ticket] { return replies_done[slot] >= ticket; });
-    }
+    std::unique_lock<std::mutex> guard(reply_lock);
+    reply_done.wait(guard, [slot, ticket] { return replies_done[slot] >= ticket; });
     return waited == 0;
 }
 

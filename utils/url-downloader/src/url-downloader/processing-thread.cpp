@@ -166,12 +166,12 @@ void* url_downloader_thread_loop(void* arg)
         case URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST:
             _url_downloader_execute_cancel_all_request(&message, false, false, &error);
             UD_DEBUG("canceled all apis, unlocking semaphore");
-            _url_downloader_post_reply(message.type, &url_downloader_cancel_all_sem);
+            _url_downloader_post_reply(message.type);
             break;
         case URL_DOWNLOADER_MSG_DEREGISTER_SERVICE:
             _url_downloader_execute_deregister_service(&message, &error);
             UD_DEBUG("Deregistration of service complete, unlocking semaphore");
-            _url_downloader_post_reply(message.type, &url_downloader_deregister_sem);
+            _url_downloader_post_reply(message.type);
             break;
         case URL_DOWNLOADER_MSG_CLEAN_REQUEST_LIST:
             _url_downloader_execute_clean_request_list(&message, &error);

@@ -228,7 +228,7 @@ bool _url_downloader_prepend_request_list(url_downloader_h service, url_download
         free(req_handle);
         return false;
     }
-    if (api != NULL && !_url_downloader_validate_sercvice_handle(service)) {
+    if (api != NULL && !registered_locked(service)) {
         *error = URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
         free(req_handle);
         return false;
@@ -364,7 +364,7 @@ bool _url_downloader_replace_proxy(url_downloader_h service, const char* proxy)
     char* copy = strdup(proxy);
     UD_ASSERT_ALLOC(copy);
     UdScopedLock lock(list_write_lock);
-    if (!lock.Held() || !_url_downloader_validate_sercvice_handle(service)) {
+    if (!lock.Held() || !registered_locked(service)) {
         free(copy);
         return false;
     }
@@ -380,7 +380,7 @@ bool _url_downloader_replace_proxy(url_downloader_h service, const char* proxy)
 bool _url_downloader_silence_service(url_downloader_h service)
 {
     UdScopedLock lock(list_write_lock);
-    if (!lock.Held() || !_url_downloader_validate_sercvice_handle(service))
+    if (!lock.Held() || !registered_locked(service))
         return false;
     service->callback = NULL; // delivery reads it under this lock
     return lock.Release();
@@ -390,7 +390,7 @@ bool _url_downloader_copy_service_name(url_downloader_h service, char** appName)
 {
     *appName = NULL;
     UdScopedLock lock(list_write_lock);
-    if (!lock.Held() || !_url_downloader_validate_sercvice_handle(service))
+    if (!lock.Held() || !registered_locked(service))
         return false;
     if (service->appName != NULL) {
         *appName = strdup(service->appName);
@@ -402,8 +402,7 @@ bool _url_downloader_copy_service_name(url_downloader_h service, char** appName)
 char* _url_downloader_copy_service_proxy(url_downloader_h service)
 {
     UdScopedLock lock(list_write_lock);
-    if (!lock.Held() || !_url_downloader_validate_sercvice_handle(service) || service->fwConfig == NULL ||
-        service->fwConfig->proxy == NULL)
+    if (!lock.Held() || !registered_locked(service) || service->fwConfig == NULL || service->fwConfig->proxy == NULL)
         return NULL;
     char* proxy = strdup(service->fwConfig->proxy);
     UD_ASSERT_ALLOC(proxy);
@@ -493,7 +492,7 @@ bool _url_downloader_cancel_running(url_downloader_api_h api)
         return false;
     if (held->cancels > 0)
         held->cancels--;
-    if (_url_downloader_validate_api_handle(api) && cancel_transfer_locked(api, held))
+    if (held->node != NULL && cancel_transfer_locked(api, held))
         return true;
     release_locked(api, held);
     return false;

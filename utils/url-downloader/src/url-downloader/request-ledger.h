@@ -20,9 +20,10 @@
 bool _url_downloader_prepend_request_list(url_downloader_h service, url_downloader_api_h api,
                                           url_downloader_error* error);
 /* Whether the service, or the request, is listed now. Addresses only: a dead
- * handle is refused without its record being read. Every check of a handle
- * goes through these two; a ledger operation that must act on the answer
- * calls them inside its own locked section (the lock is recursive). */
+ * handle is refused without its record being read. The public calls, the
+ * processing thread and the delivery check handles with these; an operation
+ * that acts on a handle checked before looks it up again in the same locked
+ * section as it acts, since a deregistration may have come in between. */
 bool _url_downloader_validate_sercvice_handle(url_downloader_h service);
 bool _url_downloader_validate_api_handle(url_downloader_api_h api);
 bool _url_downloader_list_mutex_operation(url_downloader_mutex_operation_t operation, url_downloader_error* error);

@@ -106,7 +106,7 @@ url_downloader_error url_downloader_cancel_all_requests(url_downloader_h service
         if (!_url_downloader_send_message(URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, service, NULL, &ticket, &error))
             return error;
         UD_DEBUG("Waiting till all the requests are cancelled by processing thread");
-        if (_url_downloader_wait_reply(&url_downloader_cancel_all_sem, URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, ticket))
+        if (_url_downloader_wait_reply(URL_DOWNLOADER_MSG_CANCEL_ALL_REQUEST, ticket))
             UD_DEBUG("Cancelled all the requests");
     }
     // A callback of the service that began before the sweep may still be

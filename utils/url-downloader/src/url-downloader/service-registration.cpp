@@ -259,7 +259,7 @@ url_downloader_error url_downloader_deregister(url_downloader_h service)
         if (!_url_downloader_send_message(URL_DOWNLOADER_MSG_DEREGISTER_SERVICE, service, NULL, &ticket, &error))
             return error;
         UD_DEBUG("Waiting till service is deregistered by processing thread");
-        if (_url_downloader_wait_reply(&url_downloader_deregister_sem, URL_DOWNLOADER_MSG_DEREGISTER_SERVICE, ticket))
+        if (_url_downloader_wait_reply(URL_DOWNLOADER_MSG_DEREGISTER_SERVICE, ticket))
             UD_DEBUG("Deregistered service");
     }
     // Outside the call's gate, so that a callback of the service that runs

@@ -51,12 +51,13 @@ bool _url_downloader_send_message(int32_t type, url_downloader_h service, url_do
  * message (the engine's response sink). */
 void _url_downloader_post_response(url_downloader_api_h api, const url_downloader_response_info_t* report);
 /* Called by the processing thread once it has carried out a command of a
- * type that gets a reply: marks it done and posts the type's semaphore. */
-void _url_downloader_post_reply(int32_t type, sem_t* reply);
-/* Waits for a reply post on the semaphore, then until the caller's own
+ * type that gets a reply (cancel-all, deregistration): marks it done and
+ * posts the type's semaphore. */
+void _url_downloader_post_reply(int32_t type);
+/* Waits for a post of the type's semaphore, then until the caller's own
  * command (its ticket) has been carried out: the semaphores are shared by
  * every service, so the post that wakes a caller may be for another's. */
-bool _url_downloader_wait_reply(sem_t* reply, int32_t type, uint64_t ticket);
+bool _url_downloader_wait_reply(int32_t type, uint64_t ticket);
 
 /* ---- result delivery ---- */
 /* Hands the request, its outcome set, to the client's main loop. */
