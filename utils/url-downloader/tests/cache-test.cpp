@@ -271,9 +271,9 @@ TEST_F(CacheTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
     g_clock_shift = late_2037 - (int64_t)::time(nullptr);
     const struct {
         const char* path;
-        int64_t size, lowest_expiry, highest_expiry;
+        int64_t size, lowest_expiry, highest_expiry; // highest 0: 180 days after the download ended
     } cases[] = {
-        {"/big", big, late_2037 + 15552000, late_2037 + 15552000 + 60},
+        {"/big", big, late_2037 + 15552000, 0},
         {"/2040", 4, 2219500800, 2219500800},
     };
     url_downloader_h svc;
@@ -286,7 +286,8 @@ TEST_F(CacheTest, SizesPast2GiBAndTimesPast2038AreStoredAndServed)
         ASSERT_NE(nullptr, row);
         EXPECT_EQ(c.size, row->filesize);
         EXPECT_GE(row->expirytime, c.lowest_expiry);
-        EXPECT_LE(row->expirytime, c.highest_expiry);
+        // However long the 2 GiB took on a busy machine.
+        EXPECT_LE(row->expirytime, c.highest_expiry != 0 ? c.highest_expiry : (int64_t)::time(nullptr) + 15552000);
         // Asked again: answered from the cache with the file of the first download.
         ASSERT_TRUE(DownloadAll(svc, server, {c.path}, 60s));
         EXPECT_EQ(got, Deliveries::All().back().path.value_or(""));
