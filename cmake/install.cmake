@@ -21,7 +21,8 @@ if(UD_PLATFORM_LINKS)
 endif()
 install(TARGETS velmora-platform EXPORT VelmoraUrlDownloaderTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES ${UD_ROOT}/include/url-downloader.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${UD_ROOT}/include/url-downloader.h ${UD_ROOT}/include/url-downloader-extension.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 if(TARGET url-downloader)
   # The client finds the libraries in the installed library folder.

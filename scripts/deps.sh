@@ -1,7 +1,7 @@
 # Installs the Debian packages that building and testing need, only those
 # that are missing. Sourced by the test and demo commands.
 ud_install_deps() {
-    local wanted=(cmake ninja-build g++ pkg-config openssl python3
+    local wanted=(cmake ninja-build g++ pkg-config openssl python3 ca-certificates
         libcurl4-openssl-dev libsqlite3-dev libglib2.0-dev libgtest-dev "$@")
     local missing=()
     local p

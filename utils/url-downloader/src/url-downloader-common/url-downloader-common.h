@@ -39,6 +39,10 @@ typedef struct url_downloader_response_info_t {
     int64_t fileSize;   /* a body may pass 2 GiB */
     int64_t expiryTime; /* and a date may pass 2038, on 32-bit targets too */
     url_downloader_error error;
+    /* Why it ended, for the request's reason: */
+    int32_t httpStatus;   /* status of the last response, 0 for none */
+    int32_t curlCode;     /* libcurl's result, or the one that names a write or size failure */
+    int64_t bytesWritten; /* body bytes written, also on a failure */
 } url_downloader_response_info_t;
 
 /* One command, copied by value through the processing pipe. */

@@ -1,5 +1,6 @@
 /* The body callback: writes a response body into its destination file. */
 #include <fcntl.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdio_ext.h>
 #include <stdlib.h>
@@ -72,12 +73,19 @@ FILE* open_destination(const char* path, bool append)
     return stream;
 }
 
-void buffer_large_body(url_downloader_curl_pvt_data* record)
+// The body's announced length, -1 when unknown.
+curl_off_t announced_length(const url_downloader_curl_pvt_data* record)
 {
     curl_off_t length = -1;
     if (record->easyHandle == NULL ||
-        curl_easy_getinfo(record->easyHandle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK ||
-        length <= kMediumBody)
+        curl_easy_getinfo(record->easyHandle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK)
+        return -1;
+    return length;
+}
+
+void buffer_large_body(url_downloader_curl_pvt_data* record, curl_off_t length)
+{
+    if (length <= kMediumBody)
         return;
     const size_t size = length > kLargeBody ? 256 * 1024 : 64 * 1024;
     record->fileBuffer = (char*)malloc(size);
@@ -120,6 +128,14 @@ size_t url_downloader_body_parser(void* data, size_t size, size_t nmemb, void* u
         return 0;
     }
     url_downloader_curl_pvt_data* record = (url_downloader_curl_pvt_data*)user_data;
+    // A chunk that would take the body past its limit is not written (nor
+    // is a file made for it): the transfer ends there.
+    if (record->maxBodySize > 0 && record->fileSize + (int64_t)(size * nmemb) > record->maxBodySize) {
+        UD_ERROR("Body of api-handle %ld passed its limit of %lld bytes", (long)(intptr_t)record->apiHandle,
+                 (long long)record->maxBodySize);
+        record->bodyTooLarge = true;
+        return 0;
+    }
 
     // Opened on the first chunk only, so an empty body creates no file; it
     // truncates whatever was there before. A file closed early is reopened.
@@ -136,12 +152,17 @@ size_t url_downloader_body_parser(void* data, size_t size, size_t nmemb, void* u
             return 0;
         }
         g_ptr_array_add(open_bodies, record);
-        buffer_large_body(record);
+        const curl_off_t length = announced_length(record);
+        buffer_large_body(record, length);
+        if (record->progress != NULL)
+            ud_progress_set_expected(record->progress, length);
     }
 
     const size_t before = __fpending(record->fileHandle);
     size_t written = fwrite(data, size, nmemb, record->fileHandle);
     record->fileSize += (int64_t)written;
+    if (record->progress != NULL)
+        ud_progress_set_received(record->progress, record->fileSize);
 
     const int64_t now = ud_monotonic_ms();
     const size_t pending = __fpending(record->fileHandle);

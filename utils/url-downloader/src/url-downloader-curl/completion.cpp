@@ -52,8 +52,16 @@ void _url_downloader_response_cb(CURL* easy_handle, void* user_data, CURLcode re
     long status = 0;
     curl_easy_getinfo(easy_handle, CURLINFO_RESPONSE_CODE, &status);
 
-    Report report = {data->apiHandle, {0, 0, URL_DOWNLOADER_ERROR_NONE}};
+    Report report = {data->apiHandle, {}};
     url_downloader_response_info_t* info = &report.info;
+    info->error = URL_DOWNLOADER_ERROR_NONE;
+    info->httpStatus = (int32_t)status;
+    info->bytesWritten = data->fileSize;
+    // A body stopped at its limit, or lost at the close, shows as such
+    // rather than as libcurl's write error or as no error at all.
+    info->curlCode = data->bodyTooLarge                   ? (int32_t)CURLE_FILESIZE_EXCEEDED
+                     : close_failed && result == CURLE_OK ? (int32_t)CURLE_WRITE_ERROR
+                                                          : (int32_t)result;
     if (data->fileSize <= 0 || status != 200) {
         UD_ERROR("Downloaded failed with http status code as %ld", status);
         info->error = URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED;

@@ -1,4 +1,4 @@
-/* libcurl's verbose trace on standard error, with credentials masked. */
+/* libcurl's verbose trace, with credentials masked: on standard error, in the platform log, or nowhere. */
 #include <stdio.h>
 #include <string.h>
 #include <strings.h>
@@ -7,40 +7,51 @@
 
 namespace {
 
+int trace_mode = URL_DOWNLOADER_TRACE_STDERR;
+
 // The request headers whose values are credentials.
 const char* const kSecretHeaders[] = {"Authorization:", "Proxy-Authorization:"};
 
-// Writes one block of request headers, the credentials of an authorization
-// header replaced by "***" (its scheme stays, to show which one was used).
-void write_masked_headers(const char* data, size_t size, FILE* out)
+// One line of a trace block: `shown` bytes of it, then " ***" in place of a
+// credential when masked, then its line end (`eol` bytes, none for a last
+// line without one).
+struct TraceLine {
+    const char* text;
+    size_t shown;
+    bool masked;
+    const char* eol;
+    size_t eolLength;
+};
+
+// Calls emit for each line of data; with mask, the credentials of an
+// authorization header are cut (its scheme stays, to show which one was used).
+template <typename Emit>
+void for_each_line(const char* data, size_t size, bool mask, Emit emit)
 {
     const char* end = data + size;
     for (const char* line = data; line < end;) {
         const char* next = (const char*)memchr(line, '\n', (size_t)(end - line));
         next = next != NULL ? next + 1 : end;
-        size_t length = (size_t)(next - line);
-        size_t shown = length;
+        const size_t length = (size_t)(next - line);
+        size_t eol = line[length - 1] == '\n' ? 1 : 0;
+        if (eol == 1 && length > 1 && line[length - 2] == '\r')
+            eol = 2;
+        TraceLine out = {line, length - eol, false, next - eol, eol};
         for (const char* name : kSecretHeaders) {
             const size_t n = strlen(name);
-            if (length > n && strncasecmp(line, name, n) == 0) {
+            if (mask && length > n && strncasecmp(line, name, n) == 0) {
                 // Keep "Name: Scheme", mask what follows the scheme.
                 const char* value = line + n;
                 while (value < next && *value == ' ')
                     ++value;
                 while (value < next && *value != ' ' && *value != '\r' && *value != '\n')
                     ++value;
-                shown = (size_t)(value - line);
+                out.shown = (size_t)(value - line);
+                out.masked = true;
                 break;
             }
         }
-        fwrite(line, 1, shown, out);
-        if (shown != length) {
-            size_t eol = line[length - 1] == '\n' ? 1 : 0;
-            if (eol == 1 && length > 1 && line[length - 2] == '\r')
-                eol = 2;
-            fputs(" ***", out);
-            fwrite(line + length - eol, 1, eol, out);
-        }
+        emit(out);
         line = next;
     }
 }
@@ -51,15 +62,35 @@ int url_downloader_curl_trace(CURL* easy, curl_infotype type, char* data, size_t
 {
     (void)easy;
     (void)user_data;
-    // libcurl's own verbose output, byte for byte, but for the credentials
-    // it would print in the request's authorization headers.
-    // Body and TLS bytes: libcurl prints none either.
+    // Text and headers only: body and TLS bytes never go anywhere.
     if (type != CURLINFO_TEXT && type != CURLINFO_HEADER_IN && type != CURLINFO_HEADER_OUT)
         return 0;
-    fwrite(type == CURLINFO_TEXT ? "* " : type == CURLINFO_HEADER_IN ? "< " : "> ", 2, 1, stderr);
-    if (type == CURLINFO_HEADER_OUT)
-        write_masked_headers(data, size, stderr);
-    else
-        fwrite(data, size, 1, stderr);
+    const char* prefix = type == CURLINFO_TEXT ? "* " : type == CURLINFO_HEADER_IN ? "< " : "> ";
+    const bool mask = type == CURLINFO_HEADER_OUT;
+    const char* const func = __FUNCTION__; // the lines name this function, not the lambda
+    switch (__atomic_load_n(&trace_mode, __ATOMIC_RELAXED)) {
+    case URL_DOWNLOADER_TRACE_OFF:
+        break;
+    case URL_DOWNLOADER_TRACE_LOG:
+        // A line each, at debug priority; the blank line that ends a header
+        // block says nothing there.
+        for_each_line(data, size, mask, [prefix, func](const TraceLine& line) {
+            if (line.shown > 0)
+                UD_DEBUG_AS(func, "%s%.*s%s", prefix, (int)line.shown, line.text, line.masked ? " ***" : "");
+        });
+        break;
+    default:
+        // libcurl's own verbose output, byte for byte, but for the credentials.
+        fwrite(prefix, 2, 1, stderr);
+        for_each_line(data, size, mask, [](const TraceLine& line) {
+            fwrite(line.text, 1, line.shown, stderr);
+            if (line.masked)
+                fputs(" ***", stderr);
+            fwrite(line.eol, 1, line.eolLength, stderr);
+        });
+        break;
+    }
     return 0;
 }
+
+void _url_downloader_set_trace_mode(int mode) { __atomic_store_n(&trace_mode, mode, __ATOMIC_RELAXED); }

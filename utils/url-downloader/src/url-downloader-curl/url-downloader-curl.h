@@ -20,9 +20,13 @@ UD_EXPORT size_t url_downloader_body_parser(void* data, size_t size, size_t nmem
 UD_EXPORT size_t url_downloader_header_parser(char* line, size_t size, size_t nmemb, void* user_data);
 }
 
-/* libcurl debug callback: libcurl's own verbose output on standard error,
- * with the credentials of authorization headers masked. */
+/* libcurl debug callback: libcurl's own verbose output where the trace mode
+ * says (standard error by default, the platform log, or nowhere), with the
+ * credentials of authorization headers masked. */
 int url_downloader_curl_trace(CURL* easy, curl_infotype type, char* data, size_t size, void* user_data);
+/* Where the trace goes (url_downloader_trace_t), for the process; read by
+ * every call of the callback, so it applies to running transfers at once. */
+void _url_downloader_set_trace_mode(int mode);
 /* Closes the record's destination file, if open, and frees its buffer.
  * False when the close failed (stdio's last write: a full disk shows here). */
 bool _url_downloader_close_file(url_downloader_curl_pvt_data* record) UD_REQUIRES(curl_mutex_lock);

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "transfer-settings.h"
 #include "url-downloader-internal.h"
 
 namespace {
@@ -101,6 +102,15 @@ bool UrlDownloader::DownloaderCreateEasyHandle(url_downloader_api_t* api)
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_USERAGENT, kUserAgent);
 
+    // What a client asked for beyond that, after the options above: nothing
+    // more is set for a client that asked for nothing.
+    url_downloader_transfer_settings_t settings;
+    if (hooks->settingsSource(api->service, &settings)) {
+        _url_downloader_apply_settings(easy, &settings, user_data);
+        _url_downloader_clear_settings(&settings); // libcurl keeps its own copies
+    }
+    user_data->progress = hooks->progressCell(api);
+
     UdScopedLock lock(curl_mutex_lock);
     if (!lock.Held()) {
         UD_ERROR("Locking mutex failed with error-code %d", (int)lock.Error());
@@ -186,6 +196,7 @@ void _url_downloader_teardown_transaction(UrlDownloader* engine, url_downloader_
             // it off from its request and its file. A body write now fails
             // for want of a path, which aborts the transfer.
             data->apiHandle = NULL;
+            data->progress = NULL;
             close_body(data);
             free(data->filePath);
             data->filePath = NULL;

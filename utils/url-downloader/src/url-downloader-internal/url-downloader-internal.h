@@ -8,7 +8,9 @@
 #include <curl/curl.h>
 #include <glib.h>
 
+#include "transfer-progress.h"
 #include "url-downloader-common.h"
+#include "url-downloader-extension.h"
 
 /* The most connections the engine holds at once (see the connection policy
  * in engine-lifecycle.cpp); the body writer keeps as many files open. */
@@ -31,16 +33,35 @@ typedef struct url_downloader_curl_pvt_data {
     url_downloader_api_h apiHandle; /* the request served; not owned */
     CURL* easyHandle;               /* owned */
     GList* activeLink;              /* its node in activeTransactions, NULL when not listed */
+    ud_progress_t* progress;        /* the request's progress cell, NULL once detached; not owned */
+    int64_t maxBodySize;            /* body bytes allowed, 0 for any */
+    bool bodyTooLarge;              /* the body passed maxBodySize */
 } url_downloader_curl_pvt_data;
 
+/* A service's extra transfer settings: its transport security and limits.
+ * The strings are owned copies (free with _url_downloader_clear_settings). */
+typedef struct url_downloader_transfer_settings_t {
+    url_downloader_transport_t transport;
+    url_downloader_limits_t limits;
+} url_downloader_transfer_settings_t;
+/* Copies src into dst, strings included. */
+void _url_downloader_copy_settings(url_downloader_transfer_settings_t* dst,
+                                   const url_downloader_transfer_settings_t* src);
+/* Frees the strings and zeroes the settings. */
+void _url_downloader_clear_settings(url_downloader_transfer_settings_t* settings);
+
 /* What the engine calls back into, all of it above the engine: the proxy of
- * a request's service (a copy that the engine frees, or NULL), the transfer
+ * a request's service (a copy that the engine frees, or NULL), the service's
+ * extra settings (false when it has none; else a copy in *out, cleared by the
+ * engine), the request's progress cell, the transfer
  * thread's body (given the engine), libcurl's body, header and debug
  * callbacks, and the close of a transfer's body file (false when its last
  * write failed; curl_mutex_lock held). Installed before the engine is
  * created; the engine never names the code behind them. */
 typedef struct url_downloader_engine_hooks_t {
     char* (*proxySource)(url_downloader_h service);
+    bool (*settingsSource)(url_downloader_h service, url_downloader_transfer_settings_t* out);
+    ud_progress_t* (*progressCell)(url_downloader_api_h api);
     void* (*transferLoop)(void* engine);
     size_t (*bodyWriter)(void* data, size_t size, size_t nmemb, void* user_data);
     size_t (*headerReader)(char* line, size_t size, size_t nmemb, void* user_data);

@@ -206,7 +206,9 @@ bool url_downloader_check_cache(url_downloader_api_t* api_handle, url_downloader
             return false;
         }
     }
-    _url_downloader_answer_request(api_handle, URL_DOWNLOADER_ERROR_NONE, path);
+    url_downloader_reason_t reason = {};
+    reason.fromCache = true;
+    _url_downloader_answer_request(api_handle, URL_DOWNLOADER_ERROR_NONE, path, &reason);
     free(path);
 
     free(url_cache->url);

@@ -47,6 +47,9 @@ public:
      * (1). Returns 0 when the call may go on; the caller logs a refusal
      * with Refusal(). */
     url_downloader_error CheckService(url_downloader_h service) const;
+    /* The first of those checks, and 1 when the library is not up; for calls
+     * that look the handle up themselves, without the validator's lines. */
+    url_downloader_error CheckLibrary() const;
     /* The log text of a refusal by CheckService. */
     static const char* Refusal(url_downloader_error error);
 

@@ -41,8 +41,11 @@ void _url_downloader_execute_download_request(url_downloader_api_h api, url_down
         UD_ERROR("url_downloader_add_easy_handle failed");
         // Without a transfer nothing would ever answer the request: answer
         // it now as failed. One that was added answers for itself.
-        if (api->transferActive == 0)
-            _url_downloader_answer_request(api, URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED, NULL);
+        if (api->transferActive == 0) {
+            url_downloader_reason_t reason = {};
+            reason.curlCode = CURLE_FAILED_INIT;
+            _url_downloader_answer_request(api, URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED, NULL, &reason);
+        }
     }
     UD_END();
 }
@@ -58,6 +61,12 @@ void _url_downloader_process_download_response(url_downloader_api_h api, url_dow
     }
 
     url_downloader_error outcome = URL_DOWNLOADER_ERROR_NONE;
+    url_downloader_reason_t reason = {};
+    if (info != NULL) {
+        reason.httpStatus = info->httpStatus;
+        reason.curlCode = info->curlCode;
+        reason.bytesWritten = info->bytesWritten;
+    }
     if (info == NULL) {
         UD_ERROR("Downloaded file meta data missing");
     } else if ((outcome = info->error) == URL_DOWNLOADER_ERROR_NONE) {
@@ -84,7 +93,7 @@ void _url_downloader_process_download_response(url_downloader_api_h api, url_dow
                  record.expirytime, ud_printable(record.filepath));
         _url_downloader_admit_download(&record);
     }
-    _url_downloader_answer_request(api, outcome, NULL);
+    _url_downloader_answer_request(api, outcome, NULL, &reason);
     UD_END();
 }
 
@@ -93,7 +102,7 @@ void _url_downloader_execute_cancel_request(url_downloader_api_h api, url_downlo
     UD_BEGIN();
     *error = URL_DOWNLOADER_ERROR_NONE;
     if (_url_downloader_cancel_running(api)) {
-        _url_downloader_answer_request(api, URL_DOWNLOADER_ERROR_REQUEST_CANCELLED, NULL);
+        _url_downloader_answer_request(api, URL_DOWNLOADER_ERROR_REQUEST_CANCELLED, NULL, NULL);
     } else {
         // Not running: not started yet, finished, or answered from the cache.
         // It ends normally.

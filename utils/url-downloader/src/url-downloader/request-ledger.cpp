@@ -111,12 +111,22 @@ void unlist_locked(Held* held) UD_REQUIRES(list_write_lock)
 // folder may change meanwhile and means nothing to other processes; the
 // callback still gets the client's own text.
 struct RequestRecord {
-    url_downloader_api_t api; // first: the handle is its address
-    char* asked;              // the client's relative path, else NULL
-    char* absolute;           // what it named, else NULL
+    url_downloader_api_t api;       // first: the handle is its address
+    char* asked;                    // the client's relative path, else NULL
+    char* absolute;                 // what it named, else NULL
+    url_downloader_reason_t reason; // why it ended (its text is libcurl's, added when read)
+    ud_progress_t progress;         // written by its transfer
 };
 
 RequestRecord* record_of(url_downloader_api_h api) { return reinterpret_cast<RequestRecord*>(api); }
+
+// A service record with what only the ledger needs.
+struct ServiceRecord {
+    url_downloader_service_t service;             // first: the handle is its address
+    url_downloader_transfer_settings_t* settings; // extra transfer settings, NULL when none were made
+};
+
+ServiceRecord* record_of(url_downloader_h service) { return reinterpret_cast<ServiceRecord*>(service); }
 
 // The path the client callback gets: the client's text while the request
 // still names the file it asked for.
@@ -151,7 +161,7 @@ bool release_locked(url_downloader_api_h api, Held* held) UD_REQUIRES(list_write
     return true;
 }
 
-// Frees what a service record owns (its name and proxy configuration).
+// Frees what a service record owns (its name, proxy configuration and settings).
 void free_service_fields(url_downloader_h service)
 {
     free(service->appName);
@@ -161,6 +171,12 @@ void free_service_fields(url_downloader_h service)
         free(service->fwConfig);
         service->fwConfig = NULL;
     }
+    ServiceRecord* record = record_of(service);
+    if (record->settings != NULL) {
+        _url_downloader_clear_settings(record->settings);
+        free(record->settings);
+        record->settings = NULL;
+    }
 }
 
 void retire_service_locked(url_downloader_h service) UD_REQUIRES(list_write_lock)
@@ -168,11 +184,11 @@ void retire_service_locked(url_downloader_h service) UD_REQUIRES(list_write_lock
     free_service_fields(service);
     service->callback = NULL;
     g_queue_push_tail(&retired_services, service);
-    UD_POISON(service, sizeof *service);
+    UD_POISON(service, sizeof(ServiceRecord));
     // Past twice the number kept (many services went at once), the oldest go.
     if (retired_services.length > 2 * kRetiredKept) {
         void* oldest = g_queue_pop_head(&retired_services);
-        UD_UNPOISON(oldest, sizeof *service);
+        UD_UNPOISON(oldest, sizeof(ServiceRecord));
         free(oldest);
     }
 }
@@ -300,18 +316,20 @@ url_downloader_service_t* reuse_tombstone()
     UdScopedLock lock(list_write_lock);
     if (!lock.Held() || retired_services.length <= kRetiredKept)
         return NULL;
-    url_downloader_service_t* service = (url_downloader_service_t*)g_queue_pop_head(&retired_services);
-    UD_UNPOISON(service, sizeof *service);
-    memset(service, 0, sizeof *service);
-    return service;
+    ServiceRecord* record = (ServiceRecord*)g_queue_pop_head(&retired_services);
+    UD_UNPOISON(record, sizeof *record);
+    memset(record, 0, sizeof *record);
+    return &record->service;
 }
 } // namespace
 
 url_downloader_h _url_downloader_new_service(const char* appName, url_downloader_callback_t callback, const char* proxy)
 {
     url_downloader_service_t* temp_service = reuse_tombstone();
-    if (temp_service == NULL)
-        temp_service = (url_downloader_service_t*)calloc(1, sizeof(url_downloader_service_t));
+    if (temp_service == NULL) {
+        ServiceRecord* record = (ServiceRecord*)calloc(1, sizeof(ServiceRecord));
+        temp_service = record != NULL ? &record->service : NULL;
+    }
     UD_ASSERT_ALLOC(temp_service);
     if (appName != NULL)
         temp_service->appName = strdup(appName);
@@ -339,6 +357,7 @@ url_downloader_api_h _url_downloader_new_request(url_downloader_h service, const
     UD_ASSERT_ALLOC(record);
     url_downloader_api_t* api = &record->api;
     api->service = service;
+    ud_progress_init(&record->progress);
     if (!g_path_is_absolute(filePath)) {
         gchar* here = g_get_current_dir();
         record->asked = g_strdup(filePath);
@@ -550,10 +569,13 @@ void _url_downloader_execute_cancel_all_request(url_downloader_message_t* messag
     UD_END();
 }
 
-void _url_downloader_set_outcome(url_downloader_api_h api, url_downloader_error outcome, const char* servedPath)
+void _url_downloader_set_outcome(url_downloader_api_h api, url_downloader_error outcome, const char* servedPath,
+                                 const url_downloader_reason_t* reason)
 {
     UdScopedLock lock(list_write_lock);
     api->error = outcome;
+    if (reason != NULL)
+        record_of(api)->reason = *reason;
     if (outcome != URL_DOWNLOADER_ERROR_NONE) {
         free(api->filePath);
         api->filePath = NULL;
@@ -677,4 +699,77 @@ void _url_downloader_forget_all(void)
     request_count = 0;
     if (services != NULL)
         g_hash_table_remove_all(services);
+}
+
+bool _url_downloader_store_settings(url_downloader_h service, const url_downloader_transport_t* transport,
+                                    const url_downloader_limits_t* limits)
+{
+    // Copied before the lock, swapped in under it, the old copy freed after.
+    url_downloader_transfer_settings_t* fresh = g_new0(url_downloader_transfer_settings_t, 1);
+    url_downloader_transfer_settings_t* old = NULL;
+    {
+        UdScopedLock lock(list_write_lock);
+        if (!lock.Held() || !registered_locked(service)) {
+            g_free(fresh);
+            return false;
+        }
+        old = record_of(service)->settings;
+        url_downloader_transfer_settings_t merged = {};
+        if (old != NULL)
+            merged = *old;
+        if (transport != NULL)
+            merged.transport = *transport;
+        if (limits != NULL)
+            merged.limits = *limits;
+        _url_downloader_copy_settings(fresh, &merged);
+        record_of(service)->settings = fresh;
+    }
+    if (old != NULL) {
+        _url_downloader_clear_settings(old);
+        free(old);
+    }
+    return true;
+}
+
+bool _url_downloader_copy_service_settings(url_downloader_h service, url_downloader_transfer_settings_t* out)
+{
+    UdScopedLock lock(list_write_lock);
+    if (!lock.Held() || !registered_locked(service) || record_of(service)->settings == NULL)
+        return false;
+    _url_downloader_copy_settings(out, record_of(service)->settings);
+    return true;
+}
+
+ud_progress_t* _url_downloader_progress_cell(url_downloader_api_h api) { return &record_of(api)->progress; }
+
+url_downloader_error _url_downloader_read_reason(url_downloader_h service, url_downloader_api_h api,
+                                                 url_downloader_reason_t* reason)
+{
+    UdScopedLock lock(list_write_lock);
+    if (!lock.Held())
+        return lock.Error();
+    if (!registered_locked(service))
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    // Only while its callback runs: the record is then held by the delivery,
+    // even if a sweep unlisted it meanwhile.
+    const Held* held = api != NULL ? held_locked(api) : NULL;
+    if (held == NULL || !held->delivering || api->service != service)
+        return URL_DOWNLOADER_ERROR_INVALID_API_HANDLE;
+    *reason = record_of(api)->reason;
+    return URL_DOWNLOADER_ERROR_NONE;
+}
+
+url_downloader_error _url_downloader_read_progress(url_downloader_h service, url_downloader_api_h api,
+                                                   url_downloader_progress_t* progress)
+{
+    UdScopedLock lock(list_write_lock);
+    if (!lock.Held())
+        return lock.Error();
+    if (!registered_locked(service))
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    const Held* held = api != NULL ? held_locked(api) : NULL;
+    if (held == NULL || held->node == NULL || api->service != service)
+        return URL_DOWNLOADER_ERROR_INVALID_API_HANDLE;
+    ud_progress_read(&record_of(api)->progress, &progress->received, &progress->expected);
+    return URL_DOWNLOADER_ERROR_NONE;
 }

@@ -9,6 +9,7 @@
 
 #include <glib.h>
 
+#include "url-downloader-internal.h"
 #include "url-downloader-private.h"
 
 /* ---- the request list's own operations ---- */
@@ -58,6 +59,24 @@ bool _url_downloader_pin_for_cancel(url_downloader_api_h api);
 void _url_downloader_unpin_cancel(url_downloader_api_h api);
 /* Copy of the service's proxy (free it), or NULL; the engine's proxy source. */
 char* _url_downloader_copy_service_proxy(url_downloader_h service);
+/* Replaces the service's transport security and limits with copies of those
+ * given (a NULL one stays as it is), in one locked section. */
+bool _url_downloader_store_settings(url_downloader_h service, const url_downloader_transport_t* transport,
+                                    const url_downloader_limits_t* limits);
+/* Copies the service's extra settings into *out; false when it has none.
+ * The engine's settings source. */
+bool _url_downloader_copy_service_settings(url_downloader_h service, url_downloader_transfer_settings_t* out);
+/* The request's progress cell, which its transfer writes; the engine's
+ * progress source. */
+ud_progress_t* _url_downloader_progress_cell(url_downloader_api_h api);
+/* Copies why the request ended (without its text) while its callback runs:
+ * 0, 1 (service not registered) or 15 (not this service's request, or not
+ * being delivered). */
+url_downloader_error _url_downloader_read_reason(url_downloader_h service, url_downloader_api_h api,
+                                                 url_downloader_reason_t* reason);
+/* Copies the progress of a listed request of the service: 0, 1 or 15. */
+url_downloader_error _url_downloader_read_progress(url_downloader_h service, url_downloader_api_h api,
+                                                   url_downloader_progress_t* progress);
 /* Waits until no client callback of the service runs on another thread. */
 void _url_downloader_wait_for_deliveries(url_downloader_h service);
 
@@ -82,7 +101,8 @@ bool _url_downloader_cancel_running(url_downloader_api_h api);
  * (the callback gets NULL); on a success served from another file, the path
  * becomes a copy of servedPath. (_url_downloader_answer_request sets it and
  * hands the request to delivery.) */
-void _url_downloader_set_outcome(url_downloader_api_h api, url_downloader_error outcome, const char* servedPath);
+void _url_downloader_set_outcome(url_downloader_api_h api, url_downloader_error outcome, const char* servedPath,
+                                 const url_downloader_reason_t* reason);
 /* The request sweep: drops the selected entries of the message's service (or
  * of every service) without callbacks, registration entries too when asked. */
 void _url_downloader_execute_cancel_all_request(url_downloader_message_t* message, bool withRegistration,

@@ -12,9 +12,10 @@ bool _url_downloader_resp_callback(url_downloader_api_h api)
     return true;
 }
 
-void _url_downloader_answer_request(url_downloader_api_h api, url_downloader_error outcome, const char* servedPath)
+void _url_downloader_answer_request(url_downloader_api_h api, url_downloader_error outcome, const char* servedPath,
+                                    const url_downloader_reason_t* reason)
 {
-    _url_downloader_set_outcome(api, outcome, servedPath);
+    _url_downloader_set_outcome(api, outcome, servedPath, reason);
     _url_downloader_resp_callback(api);
 }
 

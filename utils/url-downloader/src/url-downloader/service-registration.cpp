@@ -64,12 +64,14 @@ bool _url_downloader_create_thread(url_downloader_error* error)
     return true;
 }
 
-// What the transfer engine calls back into: the services' proxies, the
-// transfer thread's body and libcurl's callbacks, and where finished
+// What the transfer engine calls back into: the services' proxies and
+// settings, the requests' progress cells, the transfer thread's body and libcurl's callbacks, and where finished
 // transfers are reported.
 const url_downloader_engine_hooks_t kEngineHooks = {
-    _url_downloader_copy_service_proxy, url_downloader_download_loop, url_downloader_body_parser,
-    url_downloader_header_parser,       url_downloader_curl_trace,    _url_downloader_close_file,
+    _url_downloader_copy_service_proxy, _url_downloader_copy_service_settings,
+    _url_downloader_progress_cell,      url_downloader_download_loop,
+    url_downloader_body_parser,         url_downloader_header_parser,
+    url_downloader_curl_trace,          _url_downloader_close_file,
 };
 
 // Brings the library up unless it is. A failed step undoes the earlier ones,
@@ -132,13 +134,20 @@ UdPublicCall::~UdPublicCall()
         pthread_rwlock_unlock(&public_call_gate);
 }
 
-url_downloader_error UdPublicCall::CheckService(url_downloader_h service) const
+url_downloader_error UdPublicCall::CheckLibrary() const
 {
     if (!entered_ || destroying())
         return URL_DOWNLOADER_ERROR_SERVICE_DESTROYING;
-    if (!up_ || !_url_downloader_validate_sercvice_handle(service))
-        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
-    return URL_DOWNLOADER_ERROR_NONE;
+    return up_ ? URL_DOWNLOADER_ERROR_NONE : URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+}
+
+url_downloader_error UdPublicCall::CheckService(url_downloader_h service) const
+{
+    const url_downloader_error error = CheckLibrary();
+    if (error != URL_DOWNLOADER_ERROR_NONE)
+        return error;
+    return _url_downloader_validate_sercvice_handle(service) ? URL_DOWNLOADER_ERROR_NONE
+                                                             : URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
 }
 
 const char* UdPublicCall::Refusal(url_downloader_error error)

@@ -10,6 +10,7 @@
 #include <glib.h>
 
 #include "url-downloader-common.h"
+#include "url-downloader-extension.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -63,9 +64,11 @@ bool _url_downloader_wait_reply(int32_t type, uint64_t ticket);
 /* Hands the request, its outcome set, to the client's main loop. */
 bool _url_downloader_resp_callback(url_downloader_api_h api);
 /* The one way a request is answered: sets its outcome (error; on a failure
- * no path, on a success served from another file that file's path) and hands
- * it to delivery. Processing thread only. */
-void _url_downloader_answer_request(url_downloader_api_h api, url_downloader_error outcome, const char* servedPath);
+ * no path, on a success served from another file that file's path; why it
+ * ended, or NULL for nothing to tell) and hands it to delivery. Processing
+ * thread only. */
+void _url_downloader_answer_request(url_downloader_api_h api, url_downloader_error outcome, const char* servedPath,
+                                    const url_downloader_reason_t* reason);
 
 /* ---- processing thread ---- */
 UD_EXPORT void* url_downloader_thread_loop(void* arg);

@@ -1,0 +1,353 @@
+// The opt-in extension end to end: certificate checks, protocols and limits
+// per service, the reason of every kind of ending, live progress, the trace's
+// destinations, and its refusals of bad input.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <thread>
+#include <iterator>
+#include <unistd.h>
+#include <vector>
+
+#include "log-capture.h"
+#include "main-loop.h"
+#include "test-db.h"
+#include "test-env.h"
+#include "test-server.h"
+#include "url-downloader-extension.h"
+
+using namespace ud_test;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// One request and how it ended, as its callback saw it.
+struct Ask {
+    url_downloader_h service = nullptr;
+    bool done = false;
+    int error = -1, got_reason = -1;
+    url_downloader_reason_t reason{};
+    std::string text;
+    url_downloader_progress_t progress{}; // as seen inside the callback
+    Clock::time_point asked, ended;
+};
+
+bool Record(url_downloader_api_h api, void* path, void* user_data, int error)
+{
+    Ask* ask = static_cast<Ask*>(user_data);
+    ask->error = error;
+    ask->got_reason = url_downloader_get_reason(ask->service, api, &ask->reason);
+    ask->text = ask->reason.curlText != nullptr ? ask->reason.curlText : "(null)";
+    url_downloader_get_progress(ask->service, api, &ask->progress);
+    ask->ended = Clock::now();
+    ask->done = true;
+    return true;
+}
+
+// A TCP port on 127.0.0.1 that refuses connections (bound, not listening), or
+// that accepts them into its queue and never answers (listening, never accepting).
+struct Port {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    int number = 0;
+    explicit Port(bool listening)
+    {
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t n = sizeof a;
+        bind(fd, (sockaddr*)&a, sizeof a);
+        getsockname(fd, (sockaddr*)&a, &n);
+        number = ntohs(a.sin_port);
+        if (listening)
+            listen(fd, 16);
+    }
+    ~Port() { close(fd); }
+    std::string Url(const char* scheme) const
+    {
+        return std::string(scheme) + "://127.0.0.1:" + std::to_string(number) + "/x";
+    }
+};
+
+class Extension : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        FreshCacheDb();
+        ASSERT_EQ(0, url_downloader_register("ext", Record, nullptr, &svc));
+        http.Route("/a", {200, {}, Pattern(5000, 1)});
+    }
+    void TearDown() override
+    {
+        url_downloader_set_trace(URL_DOWNLOADER_TRACE_STDERR);
+        url_downloader_finalize();
+    }
+    url_downloader_api_h Get(Ask& ask, const std::string& url, const std::string& file, bool cache = false)
+    {
+        url_downloader_api_h api = nullptr;
+        ask.service = ask.service != nullptr ? ask.service : svc;
+        ask.asked = Clock::now();
+        EXPECT_EQ(0, url_downloader_download(ask.service, TempPath(file).c_str(), url.c_str(), cache, &ask, &api));
+        return api;
+    }
+    TestServer http, https{true};
+    LogCapture log;
+    url_downloader_h svc = nullptr;
+};
+
+// Each row has a service of its own with its settings; all run at once. The
+// reason tells the endings apart that the error code (6) does not.
+TEST_F(Extension, EachEndingHasItsReason)
+{
+    const std::string body = Pattern(5000, 1);
+    https.Route("/a", {200, {}, body});
+    http.Route("/chunked", {200, {}, body, true});
+    http.Redirect("/r1", "/r2");
+    http.Redirect("/r2", "/a");
+    http.Redirect("/to-ftp", "ftp://127.0.0.1:1/x");
+    Port refusing(false), silent(true);
+    using T = url_downloader_transport_t;
+    using L = url_downloader_limits_t;
+    const T none{}, verify{true, nullptr, nullptr, false}, ca_file{true, UD_TEST_CERT, nullptr, false},
+        ca_folder{true, nullptr, UD_TEST_CA_FOLDER, false}, web{false, nullptr, nullptr, true};
+    struct Row {
+        std::string url, file;
+        T transport;
+        L limits;
+        int error, status, curl;
+        long long bytes; // -1: the body limit at most
+        double within;   // seconds from asking to the callback at most; 0: not checked
+    } rows[] = {
+        {http.Url("/a"), "ok", none, {}, 0, 200, CURLE_OK, 5000, 0},
+        {http.Url("/none"), "404", none, {}, 6, 404, CURLE_OK, 9, 0}, // the server's "Not Found"
+        {refusing.Url("http"), "refused", none, {}, 6, 0, CURLE_COULDNT_CONNECT, 0, 0},
+        {https.Url("/a"), "tls-default", none, {}, 0, 200, CURLE_OK, 5000, 0},
+        {https.Url("/a"), "tls-system", verify, {}, 6, 0, CURLE_PEER_FAILED_VERIFICATION, 0, 0},
+        {https.Url("/a"), "tls-ca-file", ca_file, {}, 0, 200, CURLE_OK, 5000, 0},
+        {https.Url("/a"), "tls-ca-folder", ca_folder, {}, 0, 200, CURLE_OK, 5000, 0},
+        {http.Url("/a"), "no/such/folder/f", none, {}, 6, 200, CURLE_WRITE_ERROR, 0, 0},
+        {"file://" UD_TEST_CERT, "file-web", web, {}, 6, 0, CURLE_UNSUPPORTED_PROTOCOL, 0, 0},
+        {http.Url("/to-ftp"), "ftp-web", web, {}, 6, 302, CURLE_UNSUPPORTED_PROTOCOL, 0, 0},
+        {http.Url("/r1"), "redirects-1", none, {0, 0, 1, 0}, 6, 302, CURLE_TOO_MANY_REDIRECTS, 0, 0},
+        {http.Url("/r2"), "redirects-none", none, {0, 0, -1, 0}, 6, 302, CURLE_TOO_MANY_REDIRECTS, 0, 0},
+        {http.Url("/r2"), "redirects-2", none, {0, 0, 2, 0}, 0, 200, CURLE_OK, 5000, 0},
+        {http.Url("/a"), "body-announced", none, {0, 0, 0, 1000}, 6, 200, CURLE_FILESIZE_EXCEEDED, 0, 0},
+        {http.Url("/chunked"), "body-grows", none, {0, 0, 0, 1000}, 6, 200, CURLE_FILESIZE_EXCEEDED, -1, 0},
+        {http.Url("/a"), "body-fits", none, {0, 0, 0, 5000}, 0, 200, CURLE_OK, 5000, 0},
+        {silent.Url("http"), "stalled", none, {0, 2, 0, 0}, 6, 0, CURLE_OPERATION_TIMEDOUT, 0, 3.0},
+        {silent.Url("https"), "no-handshake", none, {1, 0, 0, 0}, 6, 0, CURLE_OPERATION_TIMEDOUT, 0, 2.0},
+    };
+    std::vector<Ask> asks(std::size(rows));
+    for (size_t i = 0; i < asks.size(); ++i) {
+        // Rows that ask for nothing never call the extension.
+        ASSERT_EQ(0, url_downloader_register("row", Record, nullptr, &asks[i].service));
+        static const Row plain{};
+        if (memcmp(&rows[i].transport, &plain.transport, sizeof plain.transport) != 0) {
+            ASSERT_EQ(0, url_downloader_set_transport(asks[i].service, &rows[i].transport));
+        }
+        if (memcmp(&rows[i].limits, &plain.limits, sizeof plain.limits) != 0) {
+            ASSERT_EQ(0, url_downloader_set_limits(asks[i].service, &rows[i].limits));
+        }
+        Get(asks[i], rows[i].url, rows[i].file);
+    }
+    ASSERT_TRUE(RunMainLoopUntil(
+        [&] {
+            for (const Ask& a : asks)
+                if (!a.done)
+                    return false;
+            return true;
+        },
+        30s));
+    for (size_t i = 0; i < asks.size(); ++i) {
+        const Row& r = rows[i];
+        const Ask& a = asks[i];
+        SCOPED_TRACE(r.file + ": " + a.text);
+        EXPECT_EQ(r.error, a.error);
+        EXPECT_EQ(0, a.got_reason);
+        EXPECT_EQ(r.status, a.reason.httpStatus);
+        EXPECT_EQ(r.curl, a.reason.curlCode);
+        EXPECT_STREQ(curl_easy_strerror((CURLcode)r.curl), a.reason.curlText);
+        if (r.bytes >= 0)
+            EXPECT_EQ(r.bytes, a.reason.bytesWritten);
+        else
+            EXPECT_LE(a.reason.bytesWritten, 1000);
+        EXPECT_FALSE(a.reason.fromCache);
+        if (r.within > 0) {
+            EXPECT_LT(std::chrono::duration<double>(a.ended - a.asked).count(), r.within);
+        }
+    }
+    EXPECT_FALSE(FileExists(TempPath("body-announced")));
+
+    // Answered from the cache: no transfer, nothing written by this request.
+    Ask cached;
+    Get(cached, http.Url("/a"), "again", true);
+    ASSERT_TRUE(RunMainLoopUntil([&] { return cached.done; }, 10s));
+    EXPECT_EQ(0, cached.error);
+    EXPECT_TRUE(cached.reason.fromCache);
+    EXPECT_EQ(0, cached.reason.httpStatus);
+    EXPECT_EQ(0, cached.reason.bytesWritten);
+}
+
+// Progress rises, seen from another thread, to the announced total; a body
+// of unknown length has no total.
+TEST_F(Extension, ProgressRisesToTheAnnouncedTotal)
+{
+    const size_t total = 200000;
+    http.Route("/slow", {200, {}, Pattern(total, 2), false, (long long)total / 2});
+    http.Route("/slow-chunked", {200, {}, Pattern(total, 3), true, (long long)total / 2});
+    Ask known, unknown;
+    url_downloader_api_h apis[] = {Get(known, http.Url("/slow"), "slow"), Get(unknown, http.Url("/slow-chunked"), "c")};
+    std::atomic<bool> stop{false}, halfway{false};
+    std::vector<url_downloader_progress_t> seen[2];
+    std::thread poller([&] {
+        while (!stop) {
+            for (int i = 0; i < 2; ++i) {
+                url_downloader_progress_t p;
+                if (url_downloader_get_progress(svc, apis[i], &p) == 0)
+                    seen[i].push_back(p);
+            }
+            halfway = !seen[0].empty() && !seen[1].empty() && seen[0].back().received == (int64_t)total / 2 &&
+                      seen[1].back().received > 0;
+            std::this_thread::sleep_for(2ms);
+        }
+    });
+    const bool reached = RunMainLoopUntil([&] { return halfway.load(); }, 10s);
+    http.Release("/slow");
+    http.Release("/slow-chunked");
+    EXPECT_TRUE(RunMainLoopUntil([&] { return known.done && unknown.done; }, 10s));
+    stop = true;
+    poller.join();
+    ASSERT_TRUE(reached);
+    for (int i = 0; i < 2; ++i) {
+        const int64_t expected = i == 0 ? (int64_t)total : -1;
+        for (size_t k = 0; k < seen[i].size(); ++k) {
+            EXPECT_TRUE(seen[i][k].expected == expected || seen[i][k].received == 0) << i << " " << k;
+            EXPECT_LE(seen[i][k].received, (int64_t)total);
+            if (k > 0) {
+                EXPECT_GE(seen[i][k].received, seen[i][k - 1].received);
+            }
+        }
+    }
+    // In the callback it has come all the way; after it the handle is dead.
+    EXPECT_EQ((int64_t)total, known.progress.received);
+    EXPECT_EQ((int64_t)total, known.progress.expected);
+    EXPECT_EQ(-1, unknown.progress.expected);
+    url_downloader_progress_t p;
+    EXPECT_EQ(15, url_downloader_get_progress(svc, apis[0], &p));
+}
+
+// Where the trace goes: stderr as before, nowhere, or the log at debug
+// priority; never a body byte or a credential.
+TEST_F(Extension, TraceGoesWhereAsked)
+{
+    const std::string marker = "BODY-MARKER-7f3a";
+    http.Route("/t", {200, {}, marker});
+    const std::string url = http.Url("/t").insert(7, "user:s3cret-pw@");
+    const struct {
+        url_downloader_trace_t mode;
+        bool on_stderr, in_log;
+    } rows[] = {{URL_DOWNLOADER_TRACE_STDERR, true, false},
+                {URL_DOWNLOADER_TRACE_OFF, false, false},
+                {URL_DOWNLOADER_TRACE_LOG, false, true}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.mode);
+        ASSERT_EQ(0, url_downloader_set_trace(row.mode));
+        log.Clear();
+        const std::string out = TempPath("stderr");
+        fflush(stderr);
+        const int saved = dup(2), file = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(file, 2);
+        Ask ask;
+        Get(ask, url, "t");
+        const bool done = RunMainLoopUntil([&] { return ask.done; }, 10s);
+        fflush(stderr);
+        dup2(saved, 2);
+        close(saved);
+        close(file);
+        ASSERT_TRUE(done);
+        EXPECT_EQ(0, ask.error);
+        const std::string err = ReadFile(out);
+        EXPECT_EQ(row.on_stderr, err.find("> GET /t HTTP/1.1\r\nHost: 127.0.0.1") != std::string::npos) << err;
+        EXPECT_EQ(row.on_stderr, !err.empty());
+        EXPECT_EQ(row.in_log, log.Contains(kDebug, "", "< HTTP/1.1 200 OK"));
+        EXPECT_EQ(row.in_log, log.ContainsText("> Authorization: Basic ***"));
+        EXPECT_EQ(row.on_stderr, err.find("Authorization: Basic ***\r\n") != std::string::npos);
+        for (const char* secret : {marker.c_str(), "s3cret-pw", "dXNlcjpzM2NyZXQtcHc="}) // and its base64
+            EXPECT_TRUE(err.find(secret) == std::string::npos && !log.ContainsText(secret)) << secret;
+    }
+}
+
+// Bad input is refused with its code and a line naming the call, and
+// changes nothing: a refused limit leaves the earlier ones in force.
+TEST_F(Extension, BadInputIsRefusedAndChangesNothing)
+{
+    const std::string fifo = TempPath("fifo"), fifo_line = "CA file " + fifo + " is not a readable file";
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600)); // opening it would block the caller
+    url_downloader_service_t stranger{};
+    const url_downloader_limits_t none_followed{0, 0, -1, 0};
+    ASSERT_EQ(0, url_downloader_set_limits(svc, &none_followed));
+    auto transport = [](const char* file, const char* folder, bool verify = true) {
+        return url_downloader_transport_t{verify, file, folder, false};
+    };
+    auto limits = [](int32_t c, int32_t s, int32_t r, int64_t b) { return url_downloader_limits_t{c, s, r, b}; };
+    auto t = [&](url_downloader_h s, url_downloader_transport_t v) { return url_downloader_set_transport(s, &v); };
+    auto l = [&](url_downloader_limits_t v) { return url_downloader_set_limits(svc, &v); };
+    url_downloader_reason_t reason;
+    url_downloader_progress_t progress;
+    const struct {
+        int got, want;
+        const char* text;
+    } cases[] = {
+        {url_downloader_set_transport(nullptr, nullptr), 1, "NULL service"},
+        {url_downloader_set_transport(svc, nullptr), 1, "NULL transport settings"},
+        {t(svc, transport(UD_TEST_CERT, nullptr, false)), 1, "A CA file or folder needs certificate verification on"},
+        {t(svc, transport("/no/such.pem", nullptr)), 3, "CA file /no/such.pem is not a readable file"},
+        {t(svc, transport(fifo.c_str(), nullptr)), 3, fifo_line.c_str()},
+        {t(svc, transport(nullptr, UD_TEST_CERT)), 3, "CA folder " UD_TEST_CERT " is not a readable folder"},
+        {t(&stranger, transport(nullptr, nullptr)), 1, "Invalid service"},
+        {url_downloader_set_limits(svc, nullptr), 1, "NULL limits"},
+        {l(limits(-1, 0, 0, 0)), 1, "Invalid limits: connect=-1 s, stall=0 s, redirects=0, body=0 bytes"},
+        {l(limits(0, 2147484, 5, 0)), 1, "Invalid limits: connect=0 s, stall=2147484 s, redirects=5, body=0 bytes"},
+        {l(limits(0, 0, -2, 0)), 1, "Invalid limits: connect=0 s, stall=0 s, redirects=-2, body=0 bytes"},
+        {l(limits(0, 0, 9, -1)), 1, "Invalid limits: connect=0 s, stall=0 s, redirects=9, body=-1 bytes"},
+        {url_downloader_set_trace((url_downloader_trace_t)3), 1, "Invalid trace mode 3"},
+        {url_downloader_get_reason(svc, nullptr, nullptr), 1, "NULL reason"},
+        {url_downloader_get_reason(svc, nullptr, &reason), 15, "Api-handle not in its callback"},
+        {url_downloader_get_reason(&stranger, nullptr, &reason), 1, "Invalid service"},
+        {url_downloader_get_progress(nullptr, nullptr, &progress), 1, "NULL service"},
+        {url_downloader_get_progress(svc, nullptr, nullptr), 1, "NULL progress"},
+        {url_downloader_get_progress(svc, (url_downloader_api_h)&stranger, &progress), 15, "Invalid api handle"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.want, c.got) << c.text;
+        EXPECT_TRUE(log.Contains(kError, "", c.text)) << c.text;
+    }
+
+    // Still none followed, also after a transport change; a request of
+    // another service is not this one's.
+    EXPECT_EQ(0, t(svc, transport(nullptr, nullptr, false)));
+    http.Redirect("/r", "/a");
+    Ask ask;
+    url_downloader_api_h api = Get(ask, http.Url("/r"), "r");
+    url_downloader_h other = nullptr;
+    ASSERT_EQ(0, url_downloader_register("other", Record, nullptr, &other));
+    EXPECT_EQ(15, url_downloader_get_progress(other, api, &progress));
+    EXPECT_EQ(15, url_downloader_get_reason(svc, api, &reason)); // not in its callback (the loop is not run)
+    ASSERT_TRUE(RunMainLoopUntil([&] { return ask.done; }, 10s));
+    EXPECT_EQ(CURLE_TOO_MANY_REDIRECTS, ask.reason.curlCode);
+    EXPECT_EQ(15, url_downloader_get_reason(svc, api, &reason)); // its callback has returned
+
+    url_downloader_finalize();
+    EXPECT_EQ(1, t(svc, transport(nullptr, nullptr)));
+    EXPECT_EQ(1, url_downloader_get_progress(svc, api, &progress));
+}
+
+} // namespace
