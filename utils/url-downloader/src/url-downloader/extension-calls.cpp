@@ -129,21 +129,39 @@ url_downloader_error url_downloader_set_trace(url_downloader_trace_t mode)
     return URL_DOWNLOADER_ERROR_NONE;
 }
 
+namespace {
+// The checks of the two calls that read a request: the arguments, the
+// library up, then the ledger's read, which checks the service and the
+// request. On a refusal *refusal is the line for the caller to log.
+template <typename Out>
+url_downloader_error read_request(url_downloader_h service, url_downloader_api_h request, Out* out,
+                                  url_downloader_error (*read)(url_downloader_h, url_downloader_api_h, Out*),
+                                  const char* null_out, const char* bad_request, const char** refusal)
+{
+    url_downloader_error error = URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    if (service == NULL || out == NULL) {
+        *refusal = service == NULL ? "NULL service" : null_out;
+        return error;
+    }
+    UdPublicCall call;
+    error = call.CheckLibrary();
+    if (error == URL_DOWNLOADER_ERROR_NONE)
+        error = read(service, request, out);
+    if (error != URL_DOWNLOADER_ERROR_NONE)
+        *refusal = error == URL_DOWNLOADER_ERROR_INVALID_API_HANDLE ? bad_request : UdPublicCall::Refusal(error);
+    return error;
+}
+} // namespace
+
 url_downloader_error url_downloader_get_reason(url_downloader_h service, url_downloader_api_h request,
                                                url_downloader_reason_t* reason)
 {
     UD_BEGIN();
-    if (service == NULL || reason == NULL) {
-        UD_ERROR("%s", service == NULL ? "NULL service" : "NULL reason");
-        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
-    }
-    UdPublicCall call;
-    url_downloader_error error = call.CheckLibrary();
-    if (error == URL_DOWNLOADER_ERROR_NONE)
-        error = _url_downloader_read_reason(service, request, reason);
+    const char* refusal = NULL;
+    const url_downloader_error error = read_request(service, request, reason, _url_downloader_read_reason,
+                                                    "NULL reason", "Api-handle not in its callback", &refusal);
     if (error != URL_DOWNLOADER_ERROR_NONE) {
-        UD_ERROR("%s", error == URL_DOWNLOADER_ERROR_INVALID_API_HANDLE ? "Api-handle not in its callback"
-                                                                        : UdPublicCall::Refusal(error));
+        UD_ERROR("%s", refusal);
         return error;
     }
     reason->curlText = curl_easy_strerror((CURLcode)reason->curlCode);
@@ -155,18 +173,10 @@ url_downloader_error url_downloader_get_progress(url_downloader_h service, url_d
                                                  url_downloader_progress_t* progress)
 {
     // No Begin/End lines: clients poll this many times a second.
-    if (service == NULL || progress == NULL) {
-        UD_ERROR("%s", service == NULL ? "NULL service" : "NULL progress");
-        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
-    }
-    UdPublicCall call;
-    url_downloader_error error = call.CheckLibrary();
-    if (error == URL_DOWNLOADER_ERROR_NONE)
-        error = _url_downloader_read_progress(service, request, progress);
-    if (error != URL_DOWNLOADER_ERROR_NONE) {
-        UD_ERROR("%s", error == URL_DOWNLOADER_ERROR_INVALID_API_HANDLE ? "Invalid api handle"
-                                                                        : UdPublicCall::Refusal(error));
-        return error;
-    }
-    return URL_DOWNLOADER_ERROR_NONE;
+    const char* refusal = NULL;
+    const url_downloader_error error = read_request(service, request, progress, _url_downloader_read_progress,
+                                                    "NULL progress", "Invalid api handle", &refusal);
+    if (error != URL_DOWNLOADER_ERROR_NONE)
+        UD_ERROR("%s", refusal);
+    return error;
 }

@@ -742,34 +742,38 @@ bool _url_downloader_copy_service_settings(url_downloader_h service, url_downloa
 
 ud_progress_t* _url_downloader_progress_cell(url_downloader_api_h api) { return &record_of(api)->progress; }
 
+namespace {
+// The service's request, when both are alive: listed, or (in_callback) with
+// its callback running, which holds the record even if a sweep unlisted it
+// meanwhile. Else the code to refuse with: 1 for the service, 15 for the request.
+url_downloader_error own_request_locked(url_downloader_h service, url_downloader_api_h api, bool in_callback)
+    UD_REQUIRES(list_write_lock)
+{
+    if (!registered_locked(service))
+        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
+    const Held* held = api != NULL ? held_locked(api) : NULL;
+    if (held == NULL || api->service != service || !(in_callback ? held->delivering : held->node != NULL))
+        return URL_DOWNLOADER_ERROR_INVALID_API_HANDLE;
+    return URL_DOWNLOADER_ERROR_NONE;
+}
+} // namespace
+
 url_downloader_error _url_downloader_read_reason(url_downloader_h service, url_downloader_api_h api,
                                                  url_downloader_reason_t* reason)
 {
     UdScopedLock lock(list_write_lock);
-    if (!lock.Held())
-        return lock.Error();
-    if (!registered_locked(service))
-        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
-    // Only while its callback runs: the record is then held by the delivery,
-    // even if a sweep unlisted it meanwhile.
-    const Held* held = api != NULL ? held_locked(api) : NULL;
-    if (held == NULL || !held->delivering || api->service != service)
-        return URL_DOWNLOADER_ERROR_INVALID_API_HANDLE;
-    *reason = record_of(api)->reason;
-    return URL_DOWNLOADER_ERROR_NONE;
+    url_downloader_error error = lock.Held() ? own_request_locked(service, api, true) : lock.Error();
+    if (error == URL_DOWNLOADER_ERROR_NONE)
+        *reason = record_of(api)->reason;
+    return error;
 }
 
 url_downloader_error _url_downloader_read_progress(url_downloader_h service, url_downloader_api_h api,
                                                    url_downloader_progress_t* progress)
 {
     UdScopedLock lock(list_write_lock);
-    if (!lock.Held())
-        return lock.Error();
-    if (!registered_locked(service))
-        return URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
-    const Held* held = api != NULL ? held_locked(api) : NULL;
-    if (held == NULL || held->node == NULL || api->service != service)
-        return URL_DOWNLOADER_ERROR_INVALID_API_HANDLE;
-    ud_progress_read(&record_of(api)->progress, &progress->received, &progress->expected);
-    return URL_DOWNLOADER_ERROR_NONE;
+    url_downloader_error error = lock.Held() ? own_request_locked(service, api, false) : lock.Error();
+    if (error == URL_DOWNLOADER_ERROR_NONE)
+        ud_progress_read(&record_of(api)->progress, &progress->received, &progress->expected);
+    return error;
 }
