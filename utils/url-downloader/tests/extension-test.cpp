@@ -3,17 +3,15 @@
 // destinations, and its refusals of bad input.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <string>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <thread>
-#include <iterator>
 #include <unistd.h>
 #include <vector>
 
@@ -36,7 +34,6 @@ struct Ask {
     bool done = false;
     int error = -1, got_reason = -1;
     url_downloader_reason_t reason{};
-    std::string text;
     url_downloader_progress_t progress{}; // as seen inside the callback
     Clock::time_point asked, ended;
 };
@@ -46,7 +43,6 @@ bool Record(url_downloader_api_h api, void* path, void* user_data, int error)
     Ask* ask = static_cast<Ask*>(user_data);
     ask->error = error;
     ask->got_reason = url_downloader_get_reason(ask->service, api, &ask->reason);
-    ask->text = ask->reason.curlText != nullptr ? ask->reason.curlText : "(null)";
     url_downloader_get_progress(ask->service, api, &ask->progress);
     ask->ended = Clock::now();
     ask->done = true;
@@ -57,24 +53,17 @@ bool Record(url_downloader_api_h api, void* path, void* user_data, int error)
 // that accepts them into its queue and never answers (listening, never accepting).
 struct Port {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
-    int number = 0;
+    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     explicit Port(bool listening)
     {
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t n = sizeof a;
-        bind(fd, (sockaddr*)&a, sizeof a);
+        bind(fd, (sockaddr*)&a, n);
         getsockname(fd, (sockaddr*)&a, &n);
-        number = ntohs(a.sin_port);
         if (listening)
             listen(fd, 16);
     }
     ~Port() { close(fd); }
-    std::string Url(const char* scheme) const
-    {
-        return std::string(scheme) + "://127.0.0.1:" + std::to_string(number) + "/x";
-    }
+    std::string Url(const char* scheme) const { return scheme + ("://127.0.0.1:" + std::to_string(ntohs(a.sin_port))); }
 };
 
 class Extension : public ::testing::Test {
@@ -124,8 +113,10 @@ TEST_F(Extension, EachEndingHasItsReason)
         L limits;
         int error, status, curl;
         long long bytes; // -1: the body limit at most
-        double within;   // seconds from asking to the callback at most; 0: not checked
+        int limit;       // seconds the request must end in, give or take the slack; 0: not checked
     } rows[] = {
+        {silent.Url("http"), "stalled", none, {0, 2, 0, 0}, 6, 0, CURLE_OPERATION_TIMEDOUT, 0, 2},
+        {silent.Url("https"), "no-handshake", none, {1, 0, 0, 0}, 6, 0, CURLE_OPERATION_TIMEDOUT, 0, 1},
         {http.Url("/a"), "ok", none, {}, 0, 200, CURLE_OK, 5000, 0},
         {http.Url("/none"), "404", none, {}, 6, 404, CURLE_OK, 9, 0}, // the server's "Not Found"
         {refusing.Url("http"), "refused", none, {}, 6, 0, CURLE_COULDNT_CONNECT, 0, 0},
@@ -142,58 +133,46 @@ TEST_F(Extension, EachEndingHasItsReason)
         {http.Url("/a"), "body-announced", none, {0, 0, 0, 1000}, 6, 200, CURLE_FILESIZE_EXCEEDED, 0, 0},
         {http.Url("/chunked"), "body-grows", none, {0, 0, 0, 1000}, 6, 200, CURLE_FILESIZE_EXCEEDED, -1, 0},
         {http.Url("/a"), "body-fits", none, {0, 0, 0, 5000}, 0, 200, CURLE_OK, 5000, 0},
-        {silent.Url("http"), "stalled", none, {0, 2, 0, 0}, 6, 0, CURLE_OPERATION_TIMEDOUT, 0, 3.0},
-        {silent.Url("https"), "no-handshake", none, {1, 0, 0, 0}, 6, 0, CURLE_OPERATION_TIMEDOUT, 0, 2.0},
     };
-    std::vector<Ask> asks(std::size(rows));
+    std::vector<Ask> asks(sizeof rows / sizeof rows[0]);
     for (size_t i = 0; i < asks.size(); ++i) {
-        // Rows that ask for nothing never call the extension.
+        // The timed rows (first) run alone: another transfer's sync() after
+        // its download holds the transfer thread up for as long as the disk takes.
+        if (i == 2) {
+            ASSERT_TRUE(RunMainLoopUntil([&] { return asks[0].done && asks[1].done; }, 30s));
+        }
         ASSERT_EQ(0, url_downloader_register("row", Record, nullptr, &asks[i].service));
-        static const Row plain{};
-        if (memcmp(&rows[i].transport, &plain.transport, sizeof plain.transport) != 0) {
-            ASSERT_EQ(0, url_downloader_set_transport(asks[i].service, &rows[i].transport));
-        }
-        if (memcmp(&rows[i].limits, &plain.limits, sizeof plain.limits) != 0) {
-            ASSERT_EQ(0, url_downloader_set_limits(asks[i].service, &rows[i].limits));
-        }
+        const url_downloader_limits_t& l = rows[i].limits; // rows that ask for nothing never call the extension
+        const bool limited = l.connectTimeout != 0 || l.stallTimeout != 0 || l.maxRedirects != 0 || l.maxBodySize != 0;
+        EXPECT_EQ(0, rows[i].transport.verifyPeer || rows[i].transport.httpOnly
+                         ? url_downloader_set_transport(asks[i].service, &rows[i].transport)
+                         : 0);
+        EXPECT_EQ(0, limited ? url_downloader_set_limits(asks[i].service, &l) : 0);
         Get(asks[i], rows[i].url, rows[i].file);
     }
-    ASSERT_TRUE(RunMainLoopUntil(
-        [&] {
-            for (const Ask& a : asks)
-                if (!a.done)
-                    return false;
-            return true;
-        },
-        30s));
+    auto all_done = [&] { return std::all_of(asks.begin(), asks.end(), [](const Ask& a) { return a.done; }); };
+    ASSERT_TRUE(RunMainLoopUntil(all_done, 30s));
+    // Then answered from the cache: no transfer, nothing written by this request.
+    asks.push_back({});
+    Get(asks.back(), http.Url("/a"), "again", true);
+    ASSERT_TRUE(RunMainLoopUntil(all_done, 10s));
     for (size_t i = 0; i < asks.size(); ++i) {
-        const Row& r = rows[i];
+        const Row& r = i < asks.size() - 1 ? rows[i] : Row{"", "cached", none, {}, 0, 0, CURLE_OK, 0, 0};
         const Ask& a = asks[i];
-        SCOPED_TRACE(r.file + ": " + a.text);
+        SCOPED_TRACE(r.file + ": " + (a.reason.curlText != nullptr ? a.reason.curlText : "(null)"));
         EXPECT_EQ(r.error, a.error);
         EXPECT_EQ(0, a.got_reason);
         EXPECT_EQ(r.status, a.reason.httpStatus);
         EXPECT_EQ(r.curl, a.reason.curlCode);
         EXPECT_STREQ(curl_easy_strerror((CURLcode)r.curl), a.reason.curlText);
-        if (r.bytes >= 0)
-            EXPECT_EQ(r.bytes, a.reason.bytesWritten);
-        else
-            EXPECT_LE(a.reason.bytesWritten, 1000);
-        EXPECT_FALSE(a.reason.fromCache);
-        if (r.within > 0) {
-            EXPECT_LT(std::chrono::duration<double>(a.ended - a.asked).count(), r.within);
-        }
+        EXPECT_TRUE(r.bytes >= 0 ? a.reason.bytesWritten == r.bytes : a.reason.bytesWritten <= 1000);
+        EXPECT_EQ(r.file == "cached", a.reason.fromCache);
+        // A second late at most; qemu and the sanitizers slow every step by
+        // more than that, so there only the code and the lower bound tell the limit fired.
+        const double took = std::chrono::duration<double>(a.ended - a.asked).count();
+        EXPECT_TRUE(r.limit == 0 || (took > r.limit - 0.1 && (kScale > 1 || took < r.limit + 1))) << took << " s";
     }
     EXPECT_FALSE(FileExists(TempPath("body-announced")));
-
-    // Answered from the cache: no transfer, nothing written by this request.
-    Ask cached;
-    Get(cached, http.Url("/a"), "again", true);
-    ASSERT_TRUE(RunMainLoopUntil([&] { return cached.done; }, 10s));
-    EXPECT_EQ(0, cached.error);
-    EXPECT_TRUE(cached.reason.fromCache);
-    EXPECT_EQ(0, cached.reason.httpStatus);
-    EXPECT_EQ(0, cached.reason.bytesWritten);
 }
 
 // Progress rises, seen from another thread, to the announced total; a body
@@ -226,16 +205,12 @@ TEST_F(Extension, ProgressRisesToTheAnnouncedTotal)
     stop = true;
     poller.join();
     ASSERT_TRUE(reached);
-    for (int i = 0; i < 2; ++i) {
-        const int64_t expected = i == 0 ? (int64_t)total : -1;
-        for (size_t k = 0; k < seen[i].size(); ++k) {
-            EXPECT_TRUE(seen[i][k].expected == expected || seen[i][k].received == 0) << i << " " << k;
-            EXPECT_LE(seen[i][k].received, (int64_t)total);
-            if (k > 0) {
-                EXPECT_GE(seen[i][k].received, seen[i][k - 1].received);
-            }
-        }
-    }
+    for (int i = 0; i < 2; ++i)
+        for (size_t k = 0; k < seen[i].size(); ++k)
+            EXPECT_TRUE((seen[i][k].expected == (i == 0 ? (int64_t)total : -1) || seen[i][k].received == 0) &&
+                        seen[i][k].received <= (int64_t)total &&
+                        (k == 0 || seen[i][k].received >= seen[i][k - 1].received))
+                << i << ": " << k << ": " << seen[i][k].received << " of " << seen[i][k].expected;
     // In the callback it has come all the way; after it the handle is dead.
     EXPECT_EQ((int64_t)total, known.progress.received);
     EXPECT_EQ((int64_t)total, known.progress.expected);
@@ -307,13 +282,10 @@ TEST_F(Extension, BadInputIsRefusedAndChangesNothing)
         const char* text;
     } cases[] = {
         {url_downloader_set_transport(nullptr, nullptr), 1, "NULL service"},
-        {url_downloader_set_transport(svc, nullptr), 1, "NULL transport settings"},
         {t(svc, transport(UD_TEST_CERT, nullptr, false)), 1, "A CA file or folder needs certificate verification on"},
-        {t(svc, transport("/no/such.pem", nullptr)), 3, "CA file /no/such.pem is not a readable file"},
         {t(svc, transport(fifo.c_str(), nullptr)), 3, fifo_line.c_str()},
         {t(svc, transport(nullptr, UD_TEST_CERT)), 3, "CA folder " UD_TEST_CERT " is not a readable folder"},
         {t(&stranger, transport(nullptr, nullptr)), 1, "Invalid service"},
-        {url_downloader_set_limits(svc, nullptr), 1, "NULL limits"},
         {l(limits(-1, 0, 0, 0)), 1, "Invalid limits: connect=-1 s, stall=0 s, redirects=0, body=0 bytes"},
         {l(limits(0, 2147484, 5, 0)), 1, "Invalid limits: connect=0 s, stall=2147484 s, redirects=5, body=0 bytes"},
         {l(limits(0, 0, -2, 0)), 1, "Invalid limits: connect=0 s, stall=0 s, redirects=-2, body=0 bytes"},
@@ -322,7 +294,6 @@ TEST_F(Extension, BadInputIsRefusedAndChangesNothing)
         {url_downloader_get_reason(svc, nullptr, nullptr), 1, "NULL reason"},
         {url_downloader_get_reason(svc, nullptr, &reason), 15, "Api-handle not in its callback"},
         {url_downloader_get_reason(&stranger, nullptr, &reason), 1, "Invalid service"},
-        {url_downloader_get_progress(nullptr, nullptr, &progress), 1, "NULL service"},
         {url_downloader_get_progress(svc, nullptr, nullptr), 1, "NULL progress"},
         {url_downloader_get_progress(svc, (url_downloader_api_h)&stranger, &progress), 15, "Invalid api handle"},
     };
