@@ -206,6 +206,11 @@ measure() {
             "aim <= 16 KiB"
         printf '  %-44s %s\n' "" "(VmRSS $(field rss_before_kib "$mem") -> $(field rss_after_kib "$mem") KiB;" \
             "" "$(field callbacks_meanwhile "$mem") callbacks came meanwhile; silent loopback listener)"
+        local poll
+        poll=$(grep '^progress' <<<"$mem" || true)
+        printf '  %-44s %-36s %s\n' "progress poll of all 10,000 (extension)" \
+            "$(field per_sweep_ms "$poll") ms a sweep, $(field per_call_ns "$poll") ns a call" \
+            "every 100 ms: $(awk -v ms="$(field per_sweep_ms "$poll")" 'BEGIN { printf "%.1f", ms / 100 * 100 }')% of a core"
         printf '  %-44s %s\n' "finalize with them outstanding" \
             "$(if [ "$(field returned "$fin")" = yes ]; then echo "returned in $(field ms "$fin") ms"; else echo "DID NOT RETURN in 60 s"; fi)"
         printf '  %-44s %s\n' "100,000 register/deregister cycles" \

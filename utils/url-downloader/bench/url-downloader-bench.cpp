@@ -36,6 +36,7 @@
 #include <thread>
 #include <vector>
 
+#include "url-downloader-extension.h"
 #include "url-downloader.h"
 
 namespace {
@@ -100,7 +101,8 @@ url_downloader_h Register()
     return service;
 }
 
-bool Submit(url_downloader_h service, const std::string& path, const std::string& url, bool use_cache)
+bool Submit(url_downloader_h service, const std::string& path, const std::string& url, bool use_cache,
+            std::vector<url_downloader_api_h>* requests = nullptr)
 {
     url_downloader_api_h request = nullptr;
     const url_downloader_error rc = url_downloader_download(service, path.c_str(), url.c_str(), use_cache, nullptr,
@@ -109,6 +111,8 @@ bool Submit(url_downloader_h service, const std::string& path, const std::string
         std::printf("error: url_downloader_download failed (%d)\n", static_cast<int>(rc));
         return false;
     }
+    if (requests != nullptr)
+        requests->push_back(request);
     return true;
 }
 
@@ -198,6 +202,23 @@ int CacheHit(const std::string& base, const std::string& dir)
     return 0;
 }
 
+// What a client pays to poll the progress of every request: sweeps over
+// all of them, as a client polling every 100 ms would make ten a second.
+void PollProgress(url_downloader_h service, const std::vector<url_downloader_api_h>& requests)
+{
+    const int sweeps = 20;
+    size_t refused = 0;
+    const Clock::time_point start = Clock::now();
+    for (int sweep = 0; sweep < sweeps; ++sweep)
+        for (url_downloader_api_h request : requests) {
+            url_downloader_progress_t progress;
+            refused += url_downloader_get_progress(service, request, &progress) != URL_DOWNLOADER_ERROR_NONE;
+        }
+    const double per_sweep_us = Micros(start, Clock::now()) / sweeps;
+    std::printf("progress requests=%zu sweeps=%d per_sweep_ms=%.2f per_call_ns=%.0f refused=%zu\n", requests.size(),
+                sweeps, per_sweep_us / 1000, per_sweep_us * 1000 / static_cast<double>(requests.size()), refused);
+}
+
 int Memory(const std::string& dir, size_t count)
 {
     RaiseFdLimit();
@@ -209,8 +230,10 @@ int Memory(const std::string& dir, size_t count)
     Pump(300); // the library's threads are up and idle
     const long before = RssKiB();
 
+    std::vector<url_downloader_api_h> requests;
+    requests.reserve(count);
     for (size_t i = 0; i < count; ++i)
-        if (!Submit(service, dir + "/mem/" + Name("f", 5, i), url + Name("", 0, i), false))
+        if (!Submit(service, dir + "/mem/" + Name("f", 5, i), url + Name("", 0, i), false, &requests))
             return 1;
     // The processing thread sets up the transfers after the calls return:
     // wait until the resident size stops growing (at most 20 s).
@@ -226,6 +249,7 @@ int Memory(const std::string& dir, size_t count)
         "memory outstanding=%zu callbacks_meanwhile=%zu rss_before_kib=%ld rss_after_kib=%ld "
         "per_request_kib=%.2f\n",
         count, delivery.delivered, before, after, static_cast<double>(after - before) / count);
+    PollProgress(service, requests);
     std::fflush(stdout);
 
     std::atomic<bool> returned{false};
