@@ -80,12 +80,20 @@ int url_downloader_curl_trace(CURL* easy, curl_infotype type, char* data, size_t
         });
         break;
     default:
-        // libcurl's own verbose output, byte for byte, but for the credentials.
+        // libcurl's own verbose output, byte for byte, but for the credentials;
+        // stderr is unbuffered, so a block or a line goes in one write.
         fwrite(prefix, 2, 1, stderr);
+        if (!mask) {
+            fwrite(data, size, 1, stderr);
+            break;
+        }
         for_each_line(data, size, mask, [](const TraceLine& line) {
+            if (!line.masked) {
+                fwrite(line.text, 1, line.shown + line.eolLength, stderr);
+                return;
+            }
             fwrite(line.text, 1, line.shown, stderr);
-            if (line.masked)
-                fputs(" ***", stderr);
+            fputs(" ***", stderr);
             fwrite(line.eol, 1, line.eolLength, stderr);
         });
         break;

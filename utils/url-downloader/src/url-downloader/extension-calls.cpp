@@ -35,15 +35,16 @@ bool readable_folder(const char* path)
 
 bool valid_time(int32_t seconds) { return seconds >= 0 && seconds <= URL_DOWNLOADER_LIMIT_MAX_SECONDS; }
 
-// Stores the settings for a registered service; the refusals' log lines are
-// the caller's, so that they name the public call.
+// Stores the settings for a registered service (the ledger checks that in
+// the same locked section); the refusals' log lines are the caller's, so
+// that they name the public call.
 url_downloader_error store(url_downloader_h service, const url_downloader_transport_t* transport,
                            const url_downloader_limits_t* limits, const char** refusal)
 {
     UdPublicCall call;
-    url_downloader_error error = call.CheckService(service);
+    url_downloader_error error = call.CheckLibrary();
     if (error == URL_DOWNLOADER_ERROR_NONE && !_url_downloader_store_settings(service, transport, limits))
-        error = URL_DOWNLOADER_ERROR_INVALID_PARAMETER; // deregistered meanwhile
+        error = URL_DOWNLOADER_ERROR_INVALID_PARAMETER;
     if (error != URL_DOWNLOADER_ERROR_NONE)
         *refusal = UdPublicCall::Refusal(error);
     return error;
