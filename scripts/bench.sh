@@ -81,7 +81,7 @@ measure() {
             timeout 120 "$@" >"$WORK/run.out" 2>/dev/null); } 2>&1) || true
         TIMED=$(awk '{ printf "%.3f %.3f", $1, $2 + $3 }' <<<"$t")
     }
-    client() { timed "$LIMIT" "$CLIENT" get -o "$out" "$@"; }
+    client() { timed "$LIMIT" "$CLIENT" get -k -P "$out" "$@"; }
     curls() { timed "$LIMIT" curl --parallel --parallel-max 16 -s -k --remote-name-all --output-dir "$out" "$@"; }
     want() { [ -z "${UD_BENCH_ONLY:-}" ] || [[ " $UD_BENCH_ONLY " == *" $1 "* ]]; }
     row() { # name client curl reference aim client-cpu curl-cpu failed
@@ -187,7 +187,7 @@ measure() {
         [ -z "${CPU_PER_FILE[$name]:-}" ] || echo "cpu per file, $name: ${CPU_PER_FILE[$name]}"
     done
     echo
-    echo "client:    url-downloader get -o DIR URL... (all URLs at once; stderr to /dev/null)"
+    echo "client:    url-downloader get -k -P DIR URL... (all URLs at once; stderr to /dev/null)"
     echo "curl:      curl --parallel --parallel-max 16 -s -k --remote-name-all --output-dir DIR URL... (stderr too)"
     echo "curl+sync: median curl time + median total time of N sync() calls, each made right after"
     echo "           writing one more file of the workload's size into the same folder (only the"

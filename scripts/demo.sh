@@ -85,7 +85,7 @@ run_client() {
 echo
 echo "=== Run 1: downloading ${#urls[@]} files"
 before=$(transfers)
-run_client run1 get --app "$app" -o "$work/downloads" "${urls[@]}"
+run_client run1 get --app "$app" -P "$work/downloads" "${urls[@]}"
 run1=$(( $(transfers) - before ))
 echo "Server log: $run1 requests during run 1"
 
@@ -93,7 +93,7 @@ echo
 echo "=== Run 2: the same batch with --cache"
 echo "(cache database: /opt/dbspace/.urlcache.db, shared by every process on this machine)"
 before=$(transfers)
-run_client run2 get --cache --app "$app" -o "$work/downloads" "${urls[@]}"
+run_client run2 get --cache --app "$app" -P "$work/downloads" "${urls[@]}"
 run2=$(( $(transfers) - before ))
 echo "Server log: $run2 requests during run 2"
 

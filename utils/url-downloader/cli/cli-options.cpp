@@ -8,88 +8,43 @@
 #include <fstream>
 #include <iostream>
 #include <set>
+#include <sstream>
+
+#include "url-downloader-extension.h"
 
 namespace udcli {
 
 namespace {
 
 const char kUsage[] =
-    "Usage: url-downloader get [-v] [--cache] [--app NAME] [--proxy URL] [-o DIR] [-i FILE]...\n"
-    "                          [URL[=PATH]...]\n"
-    "       url-downloader clean [-v] --app NAME\n"
-    "       url-downloader cache list [-v] [--app NAME]\n"
-    "       url-downloader cache clean [-v] --app NAME\n"
-    "       url-downloader --help\n"
-    "\n"
-    "get    Downloads every URL at once in the background and waits for all of them.\n"
-    "       While transfers run, it shows per file and in total the bytes written so far\n"
-    "       and the rate; on a terminal these lines are redrawn in place, otherwise plain\n"
-    "       lines are printed at most once per second. Then it prints one line per URL:\n"
-    "         result<TAB>URL<TAB>PATH<TAB>SIZE<TAB>ERROR<TAB>SOURCE\n"
-    "       PATH is where the file was delivered ('-' on failure), SIZE its size in bytes,\n"
-    "       ERROR the library's error name (URL_DOWNLOADER_ERROR_NONE on success) and\n"
-    "       SOURCE 'cache', 'network' or '-' (failed).\n"
-    "       Exit status: 0 when every download succeeded, 1 otherwise.\n"
-    "\n"
-    "       --cache       answer from the shared URL cache when it holds a valid entry\n"
-    "       --app NAME    application name that labels the cache rows\n"
-    "                     (default: url-downloader)\n"
-    "       --proxy URL   send every transfer through this proxy\n"
-    "       -o, --output-dir DIR\n"
-    "                     folder for the downloads (default: the current folder)\n"
-    "       -i, --input FILE\n"
-    "                     more URL[=PATH] arguments, one per line of FILE ('-': standard\n"
-    "                     input); spaces around a line are ignored, blank lines and\n"
-    "                     lines starting with '#' are skipped. They come after the\n"
-    "                     command line's URLs; a bad line is a bad argument (FILE:LINE).\n"
-    "       URL=PATH      download URL into PATH; a relative PATH is taken inside DIR.\n"
-    "                     The last '=' separates URL and PATH, so a URL that itself\n"
-    "                     contains '=' must be followed by =PATH. Without PATH the file\n"
-    "                     is DIR/<last segment of the URL's path>, or DIR/index.html.\n"
-    "       At least one URL is needed. Missing folders are created. Two URLs may not\n"
-    "       share a destination. A file that a failed or interrupted (SIGINT, SIGTERM)\n"
-    "       request created is removed.\n"
-    "\n"
-    "       From the cache: a request counts as answered from the cache when --cache was\n"
-    "       given, it succeeded, and the file at its requested path was not written\n"
-    "       during the run: that file is still absent (the cached file lies elsewhere\n"
-    "       and its path is reported), or it keeps the inode, size, modification and\n"
-    "       change times it had before the request was submitted. Any transfer creates\n"
-    "       or truncates and writes the requested file, which changes those.\n"
-    "\n"
-    "clean, cache clean\n"
-    "       Deletes the cache rows of the application NAME (the files stay on disk).\n"
-    "       Exit status: 0 on success, 1 otherwise.\n"
-    "\n"
-    "cache list\n"
-    "       Prints a header line, then one line per cache row (only NAME's with --app):\n"
-    "         APP<TAB>URL<TAB>PATH<TAB>SIZE<TAB>EXPIRES<TAB>FILE\n"
-    "       SIZE is the recorded size in bytes, EXPIRES the expiry in local time\n"
-    "       (YYYY-MM-DD HH:MM:SS) and FILE 'present' (a regular file of that size),\n"
-    "       'missing', or 'changed' (anything else; the library takes it for a miss).\n"
-    "       Exit status: 0, or 1 when the database cannot be read.\n"
-    "\n"
-    "-v, --verbose\n"
-    "       Every command: also shows the library's log and the transfers' trace on\n"
-    "       standard error. Without it standard error carries only the client's own\n"
-    "       messages.\n"
-    "\n"
-    "Bad arguments: exit status 2. The cache database is the device's shared one,\n"
-    "/opt/dbspace/.urlcache.db.\n";
+    "Usage: url-downloader get [OPTION]... URL...\n"
+    "       url-downloader cache list [--app NAME] | cache clean --app NAME | clean --app NAME\n"
+    "Queues every URL at once (6 connections per host, 32 in all), and prints a line\n"
+    "on standard output as each download ends:\n"
+    "  ok|failed|interrupted <TAB> URL <TAB> PATH <TAB> SIZE <TAB> HTTP status or error\n"
+    "  -o, --output FILE        file of the next URL (the n-th -o or -O goes with the n-th URL)\n"
+    "  -O, --remote-name        name the file after the URL's last path segment (the default)\n"
+    "  -P, --output-dir DIR     folder of the files (created when missing; default: .)\n"
+    "  -i, --input-file FILE    more downloads, one 'URL [FILE]' per line ('-': standard input)\n"
+    "  -k, --insecure           do not verify the server's certificate and host name\n"
+    "      --cacert FILE        trust the CAs of this PEM file instead of the system's\n"
+    "      --capath DIR         trust the CAs of this hashed folder too\n"
+    "      --connect-timeout S  give up connecting after S seconds (default: 300)\n"
+    "      --stall-timeout S    give up after S seconds without data (default: 60; 0: never)\n"
+    "      --cache              answer from the shared URL cache when it can; --app NAME\n"
+    "                           labels the rows (default: url-downloader)\n"
+    "      --proxy URL          send every transfer through this proxy\n"
+    "  -q, --quiet              no progress, only the lines of failed downloads\n"
+    "  -v, --verbose            the library's log and libcurl's trace on standard error\n"
+    "      --version, --help\n"
+    "Exit status: the worst of all: 0 success, 1 generic, 2 usage, 3 file I/O, 4 network,\n"
+    "5 TLS verification, 8 HTTP error; 130 or 143 when interrupted (partial files stay).\n"
+    "Examples:\n"
+    "  url-downloader get -o list.json 'https://host/api?page=1&n=50'\n"
+    "  url-downloader get -P downloads -i urls.txt\n"
+    "  url-downloader get -k --stall-timeout 10 https://192.168.1.20/fw.bin\n";
 
-// Destination given after the last '=', if any.
-struct Split {
-    std::string url;
-    std::optional<std::string> path;
-};
-
-Split SplitArgument(const std::string& arg)
-{
-    const size_t eq = arg.rfind('=');
-    if (eq == std::string::npos)
-        return {arg, std::nullopt};
-    return {arg.substr(0, eq), arg.substr(eq + 1)};
-}
+enum LongOnly { kCacert = 1000, kCapath, kConnectTimeout, kStallTimeout, kVersion, kCache, kApp, kProxy };
 
 // Empty when url is an http(s) URL with a host.
 std::string CheckUrl(const std::string& url)
@@ -112,6 +67,18 @@ std::string CheckUrl(const std::string& url)
     return msg;
 }
 
+// Empty when name can be the file of a download.
+std::string CheckFileName(const std::string& name)
+{
+    if (name.empty())
+        return "an empty file name";
+    if (name == "-")
+        return "'-': writing to standard output is not supported, name a file";
+    if (name.back() == '/')
+        return "'" + name + "' names a folder, not a file";
+    return "";
+}
+
 std::string Absolute(const std::string& path, const std::string& base)
 {
     gchar* abs = g_canonicalize_filename(path.c_str(), base.empty() ? nullptr : base.c_str());
@@ -131,53 +98,143 @@ std::string OptionName(char** argv, int index, int short_opt)
     return written;
 }
 
-// Adds one URL[=PATH] argument; returns what is wrong with it, if anything.
-std::string AddDownload(const std::string& arg, std::set<std::string>* destinations, Options* out)
+std::string ParseSeconds(const char* text, const char* option, int32_t* out)
 {
-    Split split = SplitArgument(arg);
-    if (split.url.empty())
-        return "missing URL in '" + arg + "'";
-    if (split.path && split.path->empty())
-        return "empty destination in '" + arg + "'";
-    if (split.path && split.path->back() == '/')
-        return "destination in '" + arg + "' names a folder, not a file";
-    std::string problem = CheckUrl(split.url);
-    if (!problem.empty())
-        return problem;
-    DownloadArg download;
-    download.url = split.url;
-    download.path = Absolute(split.path.value_or(DefaultFileName(split.url)), out->out_dir);
-    if (!destinations->insert(download.path).second)
-        return "two downloads would write the same file '" + download.path + "'";
-    out->downloads.push_back(std::move(download));
+    guint64 value = 0;
+    if (!g_ascii_string_to_unsigned(text, 10, 0, URL_DOWNLOADER_LIMIT_MAX_SECONDS, &value, nullptr))
+        return std::string(option) + " needs whole seconds from 0 to " +
+               std::to_string(URL_DOWNLOADER_LIMIT_MAX_SECONDS) + ", not '" + text + "'";
+    *out = static_cast<int32_t>(value);
     return "";
 }
 
-// Adds the URL[=PATH] lines of the file name ("-": standard input).
-std::string AddInputFile(const std::string& name, std::set<std::string>* destinations, Options* out)
-{
-    std::ifstream file;
-    std::istream* in = &std::cin;
-    if (name != "-") {
-        file.open(name);
-        if (!file)
-            return "cannot read '" + name + "': " + g_strerror(errno);
-        in = &file;
-    }
-    const char* blanks = " \t\r\v\f";
-    size_t number = 0;
-    for (std::string line; std::getline(*in, line);) {
-        ++number;
-        const size_t first = line.find_first_not_of(blanks);
-        if (first == std::string::npos || line[first] == '#')
-            continue;
-        const size_t last = line.find_last_not_of(blanks);
-        const std::string problem = AddDownload(line.substr(first, last - first + 1), destinations, out);
+class Downloads {
+public:
+    Downloads(std::string dir, Options* out) : dir_(std::move(dir)), out_(out) {}
+
+    // Adds url, into name (or the URL's own name when there is none).
+    std::string Add(const std::string& url, const std::optional<std::string>& name)
+    {
+        std::string problem = CheckUrl(url);
+        if (problem.empty() && name)
+            problem = CheckFileName(*name);
         if (!problem.empty())
-            return name + ":" + std::to_string(number) + ": " + problem; // NOLINT(performance-*): once, on an error
+            return problem;
+        DownloadArg download;
+        download.url = url;
+        download.path = Absolute(name.value_or(DefaultFileName(url)), dir_);
+        if (!destinations_.insert(download.path).second)
+            return "two downloads would write the same file '" + download.path + "'";
+        out_->downloads.push_back(std::move(download));
+        return "";
     }
-    if (in->bad())
-        return "cannot read '" + name + "'";
+
+    // Adds the 'URL [FILE]' lines of the file name ("-": standard input).
+    std::string AddInputFile(const std::string& name)
+    {
+        std::ifstream file;
+        std::istream* in = &std::cin;
+        if (name != "-") {
+            file.open(name);
+            if (!file)
+                return "cannot read '" + name + "': " + g_strerror(errno);
+            in = &file;
+        }
+        size_t number = 0;
+        for (std::string line; std::getline(*in, line);) {
+            ++number;
+            std::istringstream words(line);
+            std::vector<std::string> fields;
+            for (std::string word; words >> word;)
+                fields.push_back(word);
+            if (fields.empty() || fields[0][0] == '#')
+                continue;
+            std::string problem = fields.size() > 2
+                                      ? "expected 'URL [FILE]', found " + std::to_string(fields.size()) + " words"
+                                      : Add(fields[0], fields.size() == 2 ? std::optional(fields[1]) : std::nullopt);
+            if (!problem.empty())
+                return name + ":" + std::to_string(number) + ": " + problem; // NOLINT(performance-*): once, on an error
+        }
+        if (in->bad())
+            return "cannot read '" + name + "'";
+        return "";
+    }
+
+private:
+    std::string dir_;
+    Options* out_;
+    std::set<std::string> destinations_;
+};
+
+// What the get options gather before the URLs are known.
+struct Gathered {
+    std::optional<std::string> out_dir;
+    std::vector<std::optional<std::string>> names; // -o FILE, or -O: nullopt
+    std::vector<std::string> inputs;
+};
+
+// Takes one option that getopt recognised; returns what is wrong with it.
+std::string TakeOption(int opt, Options* out, Gathered* got)
+{
+    switch (opt) {
+    case 'h':
+        out->command = Command::Help;
+        break;
+    case kVersion:
+        out->command = Command::Version;
+        break;
+    case kCache:
+        out->use_cache = true;
+        break;
+    case 'v':
+        out->verbose = true;
+        break;
+    case 'q':
+        out->quiet = true;
+        break;
+    case 'k':
+        out->insecure = true;
+        break;
+    case kApp:
+        if (optarg[0] == '\0')
+            return "the application name must not be empty";
+        out->app = optarg;
+        out->app_given = true;
+        break;
+    case kProxy:
+        if (optarg[0] == '\0')
+            return "the proxy must not be empty";
+        out->proxy = optarg;
+        break;
+    case 'P':
+        if (optarg[0] == '\0')
+            return "the output folder must not be empty";
+        got->out_dir = optarg;
+        break;
+    case 'o':
+        if (std::string problem = CheckFileName(optarg); !problem.empty())
+            return "-o: " + problem;
+        got->names.emplace_back(optarg);
+        break;
+    case 'O':
+        got->names.emplace_back(std::nullopt);
+        break;
+    case 'i':
+        got->inputs.emplace_back(optarg);
+        break;
+    case kCacert:
+        out->ca_file = optarg;
+        break;
+    case kCapath:
+        out->ca_folder = optarg;
+        break;
+    case kConnectTimeout:
+        return ParseSeconds(optarg, "--connect-timeout", &out->connect_timeout);
+    case kStallTimeout:
+        return ParseSeconds(optarg, "--stall-timeout", &out->stall_timeout);
+    default:
+        break;
+    }
     return "";
 }
 
@@ -214,6 +271,10 @@ std::string ParseArguments(int argc, char** argv, Options* out)
         out->command = Command::Help;
         return "";
     }
+    if (command == "--version") {
+        out->command = Command::Version;
+        return "";
+    }
     int shift = 1; // words before getopt's
     if (command == "get") {
         out->command = Command::Get;
@@ -235,13 +296,27 @@ std::string ParseArguments(int argc, char** argv, Options* out)
 
     const bool get = out->command == Command::Get;
     static const struct option kGetOptions[] = {
-        {"cache", no_argument, nullptr, 'c'},       {"app", required_argument, nullptr, 'a'},
-        {"proxy", required_argument, nullptr, 'p'}, {"output-dir", required_argument, nullptr, 'o'},
-        {"input", required_argument, nullptr, 'i'}, {"verbose", no_argument, nullptr, 'v'},
-        {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0},
+        {"output", required_argument, nullptr, 'o'},
+        {"remote-name", no_argument, nullptr, 'O'},
+        {"output-dir", required_argument, nullptr, 'P'},
+        {"directory-prefix", required_argument, nullptr, 'P'},
+        {"input-file", required_argument, nullptr, 'i'},
+        {"insecure", no_argument, nullptr, 'k'},
+        {"cacert", required_argument, nullptr, kCacert},
+        {"capath", required_argument, nullptr, kCapath},
+        {"connect-timeout", required_argument, nullptr, kConnectTimeout},
+        {"stall-timeout", required_argument, nullptr, kStallTimeout},
+        {"cache", no_argument, nullptr, kCache},
+        {"app", required_argument, nullptr, kApp},
+        {"proxy", required_argument, nullptr, kProxy},
+        {"quiet", no_argument, nullptr, 'q'},
+        {"verbose", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, kVersion},
+        {nullptr, 0, nullptr, 0},
     };
     static const struct option kCacheOptions[] = {
-        {"app", required_argument, nullptr, 'a'},
+        {"app", required_argument, nullptr, kApp},
         {"verbose", no_argument, nullptr, 'v'},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
@@ -252,48 +327,20 @@ std::string ParseArguments(int argc, char** argv, Options* out)
     char** sub_argv = argv + shift;
     optind = 0; // full reset of GNU getopt's state
     opterr = 0;
-    std::optional<std::string> out_dir;
-    std::vector<std::string> inputs;
+    Gathered got;
     for (;;) {
         // NOLINTNEXTLINE(concurrency-mt-unsafe): parsed once, before any thread starts
-        const int opt = getopt_long(sub_argc, sub_argv, get ? ":o:i:vh" : ":vh", get ? kGetOptions : kCacheOptions,
+        const int opt = getopt_long(sub_argc, sub_argv, get ? ":o:OP:i:kqvh" : ":vh", get ? kGetOptions : kCacheOptions,
                                     nullptr);
         if (opt == -1)
             break;
-        switch (opt) {
-        case 'h':
-            out->command = Command::Help;
-            return "";
-        case 'c':
-            out->use_cache = true;
-            break;
-        case 'v':
-            out->verbose = true;
-            break;
-        case 'a':
-            if (optarg[0] == '\0')
-                return "the application name must not be empty";
-            out->app = optarg;
-            out->app_given = true;
-            break;
-        case 'p':
-            if (optarg[0] == '\0')
-                return "the proxy must not be empty";
-            out->proxy = optarg;
-            break;
-        case 'o':
-            if (optarg[0] == '\0')
-                return "the output folder must not be empty";
-            out_dir = optarg;
-            break;
-        case 'i':
-            inputs.emplace_back(optarg);
-            break;
-        case ':':
+        if (opt == ':')
             return "option '" + OptionName(sub_argv, optind - 1, optopt) + "' needs a value";
-        default:
+        if (opt == '?')
             return "unknown option '" + OptionName(sub_argv, optind - 1, optopt) + "' for " + command;
-        }
+        std::string problem = TakeOption(opt, out, &got);
+        if (!problem.empty() || out->command == Command::Help || out->command == Command::Version)
+            return problem;
     }
 
     if (!get) {
@@ -304,15 +351,19 @@ std::string ParseArguments(int argc, char** argv, Options* out)
         return "";
     }
 
-    out->out_dir = Absolute(out_dir.value_or("."), "");
-    std::set<std::string> destinations;
-    for (int i = optind; i < sub_argc; ++i) {
-        std::string problem = AddDownload(sub_argv[i], &destinations, out);
+    // The n-th -o or -O names the n-th URL of the command line, wherever each stands.
+    const size_t urls = static_cast<size_t>(sub_argc - optind);
+    if (got.names.size() > urls)
+        return std::to_string(got.names.size()) + " -o/-O for " + std::to_string(urls) + " URL(s)";
+    Downloads downloads(Absolute(got.out_dir.value_or("."), ""), out);
+    for (size_t i = 0; i < urls; ++i) {
+        std::string problem = downloads.Add(sub_argv[optind + static_cast<int>(i)],
+                                            i < got.names.size() ? got.names[i] : std::nullopt);
         if (!problem.empty())
             return problem;
     }
-    for (const std::string& input : inputs) {
-        std::string problem = AddInputFile(input, &destinations, out);
+    for (const std::string& input : got.inputs) {
+        std::string problem = downloads.AddInputFile(input);
         if (!problem.empty())
             return problem;
     }

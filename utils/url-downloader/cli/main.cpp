@@ -1,7 +1,7 @@
 // url-downloader: command-line client of libvelmora-urldownloader.
+#include <dlfcn.h>
 #include <glib-unix.h>
 #include <glib.h>
-#include <fcntl.h>
 #include <glib/gstdio.h>
 #include <signal.h>
 #include <unistd.h>
@@ -14,95 +14,51 @@
 
 #include "cache-list.h"
 #include "cli-options.h"
+#include "outcome.h"
 #include "progress.h"
-#include "url-downloader.h"
+#include "url-downloader-extension.h"
 
 namespace udcli {
 
 namespace {
 
-const char* ErrorName(int error)
-{
-    switch (error) {
-    case URL_DOWNLOADER_ERROR_NONE:
-        return "URL_DOWNLOADER_ERROR_NONE";
-    case URL_DOWNLOADER_ERROR_INVALID_PARAMETER:
-        return "URL_DOWNLOADER_ERROR_INVALID_PARAMETER";
-    case URL_DOWNLOADER_ERROR_INVALID_URL:
-        return "URL_DOWNLOADER_ERROR_INVALID_URL";
-    case URL_DOWNLOADER_ERROR_INVALID_FILE_PATH:
-        return "URL_DOWNLOADER_ERROR_INVALID_FILE_PATH";
-    case URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED:
-        return "URL_DOWNLOADER_ERROR_CACHE_ADD_FAILED";
-    case URL_DOWNLOADER_ERROR_CACHE_CLEAN_FAILED:
-        return "URL_DOWNLOADER_ERROR_CACHE_CLEAN_FAILED";
-    case URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED:
-        return "URL_DOWNLOADER_ERROR_DOWNLOAD_FAILED";
-    case URL_DOWNLOADER_ERROR_CACHE_SIZE_FAILED:
-        return "URL_DOWNLOADER_ERROR_CACHE_SIZE_FAILED";
-    case URL_DOWNLOADER_ERROR_PIPE_READ_FAILED:
-        return "URL_DOWNLOADER_ERROR_PIPE_READ_FAILED";
-    case URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED:
-        return "URL_DOWNLOADER_ERROR_PIPE_WRITE_FAILED";
-    case URL_DOWNLOADER_ERROR_PIPE_CREATION_FAILED:
-        return "URL_DOWNLOADER_ERROR_PIPE_CREATION_FAILED";
-    case URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED:
-        return "URL_DOWNLOADER_ERROR_MUTEX_INIT_FAILED";
-    case URL_DOWNLOADER_ERROR_MUTEX_LOCK_FAILED:
-        return "URL_DOWNLOADER_ERROR_MUTEX_LOCK_FAILED";
-    case URL_DOWNLOADER_ERROR_MUTEX_UNLOCK_FAILED:
-        return "URL_DOWNLOADER_ERROR_MUTEX_UNLOCK_FAILED";
-    case URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED:
-        return "URL_DOWNLOADER_ERROR_THREAD_CREATION_FAILED";
-    case URL_DOWNLOADER_ERROR_INVALID_API_HANDLE:
-        return "URL_DOWNLOADER_ERROR_INVALID_API_HANDLE";
-    case URL_DOWNLOADER_ERROR_REQUEST_CANCELLED:
-        return "URL_DOWNLOADER_ERROR_REQUEST_CANCELLED";
-    case URL_DOWNLOADER_ERROR_SERVICE_DESTROYING:
-        return "URL_DOWNLOADER_ERROR_SERVICE_DESTROYING";
-    case URL_DOWNLOADER_ERROR_INVALID_NETWORK_CONFIG:
-        return "URL_DOWNLOADER_ERROR_INVALID_NETWORK_CONFIG";
-    default:
-        return "UNKNOWN_ERROR";
-    }
-}
-
-// The client's own messages: standard error, or a copy of it while standard
-// error itself is silenced.
-std::FILE* g_err = stderr;
-
-// The library turns libcurl's trace on for every transfer, and its log and
-// the trace both write to standard error: shown only when asked for.
-void SetUpStandardError(bool verbose)
-{
-    if (verbose) {
-        // Before the library's first line: the device's log reads it once.
-        g_setenv("VELMORA_LOG_STDERR", "1", TRUE);
-        // Some thirty trace writes per download: batch them into few.
-        if (isatty(STDERR_FILENO) == 0)
-            std::setvbuf(stderr, nullptr, _IOFBF, 1 << 16);
-        return;
-    }
-    const int own = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    std::FILE* copy = own >= 0 ? fdopen(own, "w") : nullptr;
-    if (copy != nullptr && null >= 0 && dup2(null, STDERR_FILENO) >= 0) {
-        std::setvbuf(stderr, nullptr, _IOFBF, 0); // the unseen trace, in few writes
-        std::setvbuf(copy, nullptr, _IOLBF, 0);
-        g_err = copy;
-    } else if (copy != nullptr) {
-        std::fclose(copy);
-    } else if (own >= 0) {
-        close(own);
-    }
-    if (null >= 0)
-        close(null);
-}
-
 void PrintUsageHint(const std::string& problem)
 {
     std::fprintf(stderr, "url-downloader: %s\n", problem.c_str());
     std::fprintf(stderr, "Try 'url-downloader --help' for usage.\n");
+}
+
+// The version of the library this process runs with, read from the name of
+// the file it was loaded from (libvelmora-urldownloader.so.X.Y.Z).
+std::string LibraryVersion()
+{
+    Dl_info info = {};
+    if (dladdr(reinterpret_cast<void*>(&url_downloader_register), &info) == 0 || info.dli_fname == nullptr)
+        return "unknown";
+    char* real = realpath(info.dli_fname, nullptr);
+    const std::string file = real != nullptr ? real : info.dli_fname;
+    free(real); // NOLINT(cppcoreguidelines-no-malloc): realpath's buffer
+    const std::string marker = ".so.";
+    const size_t at = file.rfind(marker);
+    return at == std::string::npos ? "unknown (" + file + ")" : file.substr(at + marker.size()) + " (" + file + ")";
+}
+
+int PrintVersion()
+{
+    std::printf("url-downloader %s\nlibvelmora-urldownloader %s\n", UD_CLI_VERSION, LibraryVersion().c_str());
+    return kExitOk;
+}
+
+// The library's log reaches standard error only when asked for; its trace
+// is turned off unless asked for.
+void ChooseDiagnostics(bool verbose)
+{
+    // Read at the library's first line, so before any call.
+    if (verbose)
+        g_setenv("VELMORA_LOG_STDERR", "1", TRUE);
+    else
+        g_unsetenv("VELMORA_LOG_STDERR");
+    url_downloader_set_trace(verbose ? URL_DOWNLOADER_TRACE_STDERR : URL_DOWNLOADER_TRACE_OFF);
 }
 
 // One request of a get run.
@@ -111,24 +67,49 @@ struct Job {
     size_t index = 0;
     DownloadArg arg;
     url_downloader_api_h request = nullptr;
-    bool finished = false;
-    int error = URL_DOWNLOADER_ERROR_NONE;
-    std::string delivered; // path handed to the callback, empty when none
-    bool from_cache = false;
+    std::string delivered; // path handed to the callback
+    Outcome outcome;
 };
 
 struct Run {
     Options options;
+    url_downloader_h service = nullptr;
     GMainLoop* loop = nullptr;
     std::vector<std::unique_ptr<Job>> jobs;
-    std::vector<TrackedFile> files; // parallel to jobs
+    std::vector<Progress> progress; // parallel to jobs
     size_t pending = 0;
-    bool interrupted = false;
+    int signal = 0; // the one that interrupted the run
     gint64 start_us = 0;
-    std::unique_ptr<ProgressView> view;
+    std::unique_ptr<ProgressLine> line;
 };
 
-double Elapsed(const Run& run) { return static_cast<double>(g_get_monotonic_time() - run.start_us) / 1e6; }
+std::string SizeOf(const std::string& path)
+{
+    GStatBuf st;
+    if (path.empty() || g_stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+        return "-";
+    return std::to_string(static_cast<long long>(st.st_size));
+}
+
+// The result line of a request, on standard output. A failure's path is the
+// file as it stands: what a broken-off transfer wrote, or nothing.
+void PrintResult(const Run& run, const Job& job, bool interrupted)
+{
+    const Outcome& outcome = job.outcome;
+    if (run.options.quiet && outcome.ok)
+        return;
+    const std::string& path = outcome.ok ? job.delivered : job.arg.path;
+    // Off the terminal's line first; the next tick draws it again.
+    if (run.line != nullptr)
+        run.line->Clear();
+    std::printf("%s\t%s\t%s\t%s\t%s\n",
+                interrupted  ? "interrupted"
+                : outcome.ok ? "ok"
+                             : "failed",
+                job.arg.url.c_str(), path.c_str(), SizeOf(path).c_str(),
+                interrupted ? "interrupted" : outcome.reason.c_str());
+    std::fflush(stdout);
+}
 
 bool OnResult(url_downloader_api_h request, void* file_path, void* user_data, int error)
 {
@@ -136,19 +117,21 @@ bool OnResult(url_downloader_api_h request, void* file_path, void* user_data, in
     Run* run = job->run;
     // The path dies when we return: keep a copy.
     job->delivered = file_path != nullptr ? static_cast<const char*>(file_path) : "";
-    job->error = error;
-    job->finished = true;
+    url_downloader_reason_t reason = {};
+    if (url_downloader_get_reason(run->service, request, &reason) != URL_DOWNLOADER_ERROR_NONE)
+        reason.curlText = "";
+    job->outcome = Judge(error, reason);
     job->request = nullptr;
-    TrackedFile& file = run->files[job->index];
-    file.done = true;
-    // Nothing was transferred to the requested file: the answer came from the
-    // cache (see the --help text for why this rule holds).
-    job->from_cache = run->options.use_cache && error == URL_DOWNLOADER_ERROR_NONE &&
-                      FileState::Of(job->arg.path).SameAs(file.before);
-    // A failed transfer leaves what it wrote (an error page, a partial body);
-    // a file that this run created for it is no download: remove it.
-    if (error != URL_DOWNLOADER_ERROR_NONE && !file.before.exists)
+    Progress& progress = run->progress[job->index];
+    progress.received = reason.bytesWritten;
+    progress.done = true;
+    progress.failed = !job->outcome.ok;
+    // A server's error page in place of the file is no download; a transfer
+    // that broke off keeps what it wrote, as curl and wget do.
+    if (job->outcome.errorPage)
         g_unlink(job->arg.path.c_str());
+    // As each ends, so that a pipe reading the lines need not wait for all.
+    PrintResult(*run, *job, false);
     if (--run->pending == 0)
         g_main_loop_quit(run->loop);
     return true;
@@ -157,16 +140,28 @@ bool OnResult(url_downloader_api_h request, void* file_path, void* user_data, in
 gboolean OnTick(gpointer data)
 {
     Run* run = static_cast<Run*>(data);
-    run->view->Update(run->files, Elapsed(*run));
+    for (const auto& job : run->jobs) {
+        url_downloader_progress_t now = {};
+        Progress& progress = run->progress[job->index];
+        if (job->request != nullptr &&
+            url_downloader_get_progress(run->service, job->request, &now) == URL_DOWNLOADER_ERROR_NONE) {
+            progress.received = now.received;
+            progress.expected = now.expected;
+        }
+    }
+    const double elapsed = static_cast<double>(g_get_monotonic_time() - run->start_us) / 1e6;
+    gchar* label = g_path_get_basename(run->jobs.front()->arg.path.c_str());
+    run->line->Draw(label, run->progress, elapsed);
+    g_free(label);
     return G_SOURCE_CONTINUE;
 }
 
+template <int Signal>
 gboolean OnSignal(gpointer data)
 {
     Run* run = static_cast<Run*>(data);
-    run->interrupted = true;
-    // Another signal may end the process before main returns.
-    std::fflush(stderr);
+    if (run->signal == 0)
+        run->signal = Signal;
     g_main_loop_quit(run->loop);
     return G_SOURCE_CONTINUE;
 }
@@ -176,38 +171,102 @@ bool MakeParentFolder(const std::string& path)
     gchar* dir = g_path_get_dirname(path.c_str());
     const bool ok = g_mkdir_with_parents(dir, 0755) == 0;
     if (!ok)
-        std::fprintf(g_err, "url-downloader: cannot create folder '%s': %s\n", dir, g_strerror(errno));
+        std::fprintf(stderr, "url-downloader: cannot create folder '%s': %s\n", dir, g_strerror(errno));
     g_free(dir);
     return ok;
 }
 
-int64_t SizeOf(const std::string& path)
+// The lines of the requests a signal cut short, and the summary; returns the
+// exit status.
+int Finish(const Run& run)
 {
-    const FileState state = FileState::Of(path);
-    return state.exists ? static_cast<int64_t>(state.size) : -1;
+    int status = kExitOk;
+    size_t ok = 0;
+    for (const auto& job : run.jobs) {
+        if (job->request != nullptr) {
+            PrintResult(run, *job, true);
+            continue;
+        }
+        status = WorseStatus(status, job->outcome.status);
+        ok += job->outcome.ok ? 1 : 0;
+    }
+    if (run.line != nullptr) {
+        const double seconds = static_cast<double>(g_get_monotonic_time() - run.start_us) / 1e6;
+        char took[32];
+        std::snprintf(took, sizeof took, "%.1f s", seconds);
+        std::fprintf(stderr, "%zu of %zu downloaded in %s%s\n", ok, run.jobs.size(),
+                     seconds < 60 ? took : FormatDuration(seconds).c_str(), run.signal != 0 ? ", interrupted" : "");
+    }
+    return run.signal != 0 ? 128 + run.signal : status;
 }
 
-int PrintResults(const Run& run)
+// The security and time settings of the command line, on the service.
+int ApplySettings(const Run& run)
 {
-    size_t succeeded = 0;
-    size_t cached = 0;
-    for (const auto& job : run.jobs) {
-        const bool ok = job->finished && job->error == URL_DOWNLOADER_ERROR_NONE && !job->delivered.empty();
-        std::string size = "-";
-        if (ok) {
-            ++succeeded;
-            cached += job->from_cache ? 1 : 0;
-            const int64_t bytes = SizeOf(job->delivered);
-            size = bytes >= 0 ? std::to_string(bytes) : "-";
-        }
-        std::printf("result\t%s\t%s\t%s\t%s\t%s\n", job->arg.url.c_str(), ok ? job->delivered.c_str() : "-",
-                    size.c_str(), job->finished ? ErrorName(job->error) : "UNFINISHED",
-                    ok ? (job->from_cache ? "cache" : "network") : "-");
+    const Options& options = run.options;
+    url_downloader_transport_t transport = {};
+    transport.verifyPeer = !options.insecure;
+    // -k wins over the CA options, as it does in curl.
+    transport.caFile = !options.insecure && options.ca_file ? options.ca_file->c_str() : nullptr;
+    transport.caFolder = !options.insecure && options.ca_folder ? options.ca_folder->c_str() : nullptr;
+    transport.httpOnly = true;
+    url_downloader_error rc = url_downloader_set_transport(run.service, &transport);
+    if (rc == URL_DOWNLOADER_ERROR_INVALID_FILE_PATH) {
+        std::fprintf(stderr, "url-downloader: cannot read the CA file or folder '%s'\n",
+                     transport.caFile != nullptr ? transport.caFile : transport.caFolder);
+        return kExitFileIo;
     }
-    std::printf("%zu of %zu downloads succeeded, %zu from the cache%s\n", succeeded, run.jobs.size(), cached,
-                run.interrupted ? " (interrupted)" : "");
-    std::fflush(stdout);
-    return succeeded == run.jobs.size() ? 0 : 1;
+    url_downloader_limits_t limits = {};
+    limits.connectTimeout = options.connect_timeout;
+    limits.stallTimeout = options.stall_timeout;
+    if (rc == URL_DOWNLOADER_ERROR_NONE)
+        rc = url_downloader_set_limits(run.service, &limits);
+    if (rc != URL_DOWNLOADER_ERROR_NONE) {
+        std::fprintf(stderr, "url-downloader: the library refused the settings: %s\n", ErrorName(rc));
+        return kExitGeneric;
+    }
+    return kExitOk;
+}
+
+// Submits every download and runs the main loop until all have ended or a
+// signal came.
+void Download(Run& run)
+{
+    run.loop = g_main_loop_new(nullptr, FALSE);
+    run.start_us = g_get_monotonic_time();
+    for (auto& job : run.jobs) {
+        const url_downloader_error rc = url_downloader_download(run.service, job->arg.path.c_str(),
+                                                                job->arg.url.c_str(), run.options.use_cache, job.get(),
+                                                                &job->request);
+        if (rc != URL_DOWNLOADER_ERROR_NONE) {
+            // No callback will come for it.
+            job->request = nullptr;
+            job->outcome = Refused(rc);
+            run.progress[job->index].done = run.progress[job->index].failed = true;
+            PrintResult(run, *job, false);
+        } else {
+            ++run.pending;
+        }
+    }
+    if (run.pending == 0)
+        return;
+    // Progress is for a person watching: never into a file or a pipe.
+    guint tick = 0;
+    if (!run.options.quiet && isatty(STDERR_FILENO) != 0) {
+        run.line = std::make_unique<ProgressLine>(stderr);
+        tick = g_timeout_add(250, OnTick, &run);
+    }
+    const guint sigint = g_unix_signal_add(SIGINT, OnSignal<SIGINT>, &run);
+    const guint sigterm = g_unix_signal_add(SIGTERM, OnSignal<SIGTERM>, &run);
+    g_main_loop_run(run.loop);
+    // The last source of a signal gone, its default action is back: another
+    // Ctrl-C ends the process even if the shutdown below hangs.
+    g_source_remove(sigint);
+    g_source_remove(sigterm);
+    if (tick != 0)
+        g_source_remove(tick);
+    if (run.line != nullptr)
+        run.line->Clear();
 }
 
 int RunGet(const Options& options)
@@ -216,70 +275,33 @@ int RunGet(const Options& options)
     run.options = options;
     for (const DownloadArg& arg : options.downloads) {
         if (!MakeParentFolder(arg.path))
-            return 1;
+            return kExitFileIo;
         auto job = std::make_unique<Job>();
         job->run = &run;
         job->index = run.jobs.size();
         job->arg = arg;
-        TrackedFile file;
-        gchar* base = g_path_get_basename(arg.path.c_str());
-        file.label = base;
-        g_free(base);
-        file.path = arg.path;
-        run.files.push_back(std::move(file));
         run.jobs.push_back(std::move(job));
     }
+    run.progress.resize(run.jobs.size());
 
     url_downloader_config_t config = {};
     std::string proxy = options.proxy.value_or("");
     config.proxy = options.proxy ? proxy.data() : nullptr;
-    url_downloader_h service = nullptr;
-    url_downloader_error rc = url_downloader_register(options.app.c_str(), OnResult, &config, &service);
+    const url_downloader_error rc = url_downloader_register(options.app.c_str(), OnResult, &config, &run.service);
     if (rc != URL_DOWNLOADER_ERROR_NONE) {
-        std::fprintf(g_err, "url-downloader: registration failed: %s\n", ErrorName(rc));
+        std::fprintf(stderr, "url-downloader: registration failed: %s\n", ErrorName(rc));
         url_downloader_finalize();
-        return 1;
+        return kExitGeneric;
     }
-
-    run.loop = g_main_loop_new(nullptr, FALSE);
-    run.start_us = g_get_monotonic_time();
-    for (auto& job : run.jobs) {
-        // Taken before submission: the reference for telling a transfer from
-        // a cache answer.
-        run.files[job->index].before = FileState::Of(job->arg.path);
-        rc = url_downloader_download(service, job->arg.path.c_str(), job->arg.url.c_str(), options.use_cache, job.get(),
-                                     &job->request);
-        if (rc != URL_DOWNLOADER_ERROR_NONE) {
-            // No callback will come for it.
-            job->finished = true;
-            job->error = rc;
-            run.files[job->index].done = true;
-        } else {
-            ++run.pending;
-        }
-    }
-
-    if (run.pending > 0) {
-        const bool terminal = isatty(fileno(stdout)) != 0;
-        run.view = std::make_unique<ProgressView>(stdout, terminal);
-        const guint tick = g_timeout_add(terminal ? 250 : 1000, OnTick, &run);
-        const guint sigint = g_unix_signal_add(SIGINT, OnSignal, &run);
-        const guint sigterm = g_unix_signal_add(SIGTERM, OnSignal, &run);
-        g_main_loop_run(run.loop);
-        g_source_remove(tick);
-        g_source_remove(sigint);
-        g_source_remove(sigterm);
-        run.view->Clear();
-    }
-
-    // Drops what is still running (after an interruption) without callbacks;
-    // the partial files that this run created go with them.
+    const int settings = ApplySettings(run);
+    if (settings == kExitOk)
+        Download(run);
+    // Ends what is still running (after a signal) without callbacks; what
+    // those transfers wrote stays on disk.
     url_downloader_finalize();
-    for (const auto& job : run.jobs)
-        if (!job->finished && !run.files[job->index].before.exists)
-            g_unlink(job->arg.path.c_str());
-    g_main_loop_unref(run.loop);
-    return PrintResults(run);
+    if (run.loop != nullptr)
+        g_main_loop_unref(run.loop);
+    return settings == kExitOk ? Finish(run) : settings;
 }
 
 int RunClean(const Options& options)
@@ -290,12 +312,12 @@ int RunClean(const Options& options)
         rc = url_downloader_clean(service);
     url_downloader_finalize();
     if (rc != URL_DOWNLOADER_ERROR_NONE) {
-        std::fprintf(g_err, "url-downloader: cleaning the cache rows of '%s' failed: %s\n", options.app.c_str(),
+        std::fprintf(stderr, "url-downloader: cleaning the cache rows of '%s' failed: %s\n", options.app.c_str(),
                      ErrorName(rc));
-        return 1;
+        return kExitGeneric;
     }
     std::printf("Deleted the cache rows of application '%s'.\n", options.app.c_str());
-    return 0;
+    return kExitOk;
 }
 
 } // namespace
@@ -308,29 +330,38 @@ int main(int argc, char** argv)
     const std::string problem = udcli::ParseArguments(argc, argv, &options);
     if (!problem.empty()) {
         udcli::PrintUsageHint(problem);
-        return 2;
+        return udcli::kExitUsage;
     }
-    if (options.command == udcli::Command::Help) {
-        std::fputs(udcli::UsageText(), stdout);
-        return 0;
-    }
-    udcli::SetUpStandardError(options.verbose);
-    int status = 2;
+    int status = udcli::kExitUsage;
     switch (options.command) {
+    case udcli::Command::Help:
+        std::fputs(udcli::UsageText(), stdout);
+        status = udcli::kExitOk;
+        break;
+    case udcli::Command::Version:
+        status = udcli::PrintVersion();
+        break;
     case udcli::Command::Get:
+        udcli::ChooseDiagnostics(options.verbose);
         status = udcli::RunGet(options);
         break;
     case udcli::Command::Clean:
+        udcli::ChooseDiagnostics(options.verbose);
         status = udcli::RunClean(options);
         break;
     case udcli::Command::CacheList:
+        udcli::ChooseDiagnostics(options.verbose);
         status = udcli::ListCache(options.app_given ? std::optional<std::string>(options.app) : std::nullopt, stdout,
-                                  udcli::g_err);
-        break;
-    case udcli::Command::Help:
+                                  stderr);
         break;
     }
     std::fflush(stdout);
     std::fflush(stderr);
+    // Dies of the signal that interrupted it, so that a shell running it in a
+    // loop or a script stops too, as it would for any other program.
+    if (status == 128 + SIGINT || status == 128 + SIGTERM) {
+        signal(status - 128, SIG_DFL);
+        raise(status - 128);
+    }
     return status;
 }

@@ -1,22 +1,17 @@
-// Live progress of running downloads, read from their destination files.
+// The progress line on a terminal: one file's, or one for all of them.
 #include "progress.h"
 
+#include <glib.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
+
+#include <cmath>
 
 namespace udcli {
 
 namespace {
 
 // Seconds of samples behind a rate: long enough to smooth the redraws.
-constexpr double kRateWindow = 2.0;
-// Running files listed per update; the rest are counted.
-constexpr size_t kMaxListed = 10;
-
-bool SameTime(const struct timespec& a, const struct timespec& b)
-{
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
+constexpr double kRateWindow = 3.0;
 
 size_t TerminalWidth(std::FILE* out)
 {
@@ -26,32 +21,19 @@ size_t TerminalWidth(std::FILE* out)
     return 80;
 }
 
+std::string Size(int64_t bytes)
+{
+    gchar* text = g_format_size_full(static_cast<guint64>(bytes), G_FORMAT_SIZE_IEC_UNITS);
+    std::string result = text;
+    g_free(text);
+    // GLib puts a UTF-8 no-break space before the unit; a serial console in
+    // the C locale shows it as two odd characters.
+    for (size_t at; (at = result.find("\xc2\xa0")) != std::string::npos;)
+        result.replace(at, 2, " ");
+    return result;
+}
+
 } // namespace
-
-FileState FileState::Of(const std::string& path)
-{
-    FileState state;
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0)
-        return state;
-    state.exists = true;
-    state.dev = st.st_dev;
-    state.ino = st.st_ino;
-    state.size = st.st_size;
-    state.mtime = st.st_mtim;
-    state.ctime = st.st_ctim;
-    return state;
-}
-
-bool FileState::SameAs(const FileState& other) const
-{
-    if (exists != other.exists)
-        return false;
-    if (!exists)
-        return true;
-    return dev == other.dev && ino == other.ino && size == other.size && SameTime(mtime, other.mtime) &&
-           SameTime(ctime, other.ctime);
-}
 
 void RateMeter::Add(double seconds, int64_t bytes)
 {
@@ -62,106 +44,85 @@ void RateMeter::Add(double seconds, int64_t bytes)
 
 double RateMeter::Rate() const
 {
-    if (samples_.size() < 2)
-        return 0.0;
     const double span = samples_.back().first - samples_.front().first;
     const int64_t gained = samples_.back().second - samples_.front().second;
-    // A truncated, rewritten file goes back in size; that is no negative rate.
     if (span <= 0.0 || gained <= 0)
         return 0.0;
     return static_cast<double>(gained) / span;
 }
 
-int64_t BytesWritten(const std::string& path, const FileState& before)
+std::string FormatDuration(double seconds)
 {
-    const FileState now = FileState::Of(path);
-    if (!now.exists || now.SameAs(before))
-        return 0;
-    return static_cast<int64_t>(now.size);
-}
-
-std::string FormatRate(double bytes_per_second)
-{
-    static const char* const kUnits[] = {"B/s", "KiB/s", "MiB/s", "GiB/s"};
-    size_t unit = 0;
-    while (bytes_per_second >= 1024.0 && unit + 1 < sizeof kUnits / sizeof kUnits[0]) {
-        bytes_per_second /= 1024.0;
-        ++unit;
-    }
+    const auto total = static_cast<int64_t>(std::ceil(seconds));
     char text[32];
-    std::snprintf(text, sizeof text, "%.1f %s", bytes_per_second, kUnits[unit]);
+    if (total >= 3600)
+        std::snprintf(text, sizeof text, "%lld:%02d:%02d", static_cast<long long>(total / 3600),
+                      static_cast<int>(total / 60 % 60), static_cast<int>(total % 60));
+    else
+        std::snprintf(text, sizeof text, "%d:%02d", static_cast<int>(total / 60), static_cast<int>(total % 60));
     return text;
 }
 
-ProgressView::ProgressView(std::FILE* out, bool terminal) : out_(out), terminal_(terminal) {}
-
-void ProgressView::Update(std::vector<TrackedFile>& files, double elapsed)
+void ProgressLine::Draw(const std::string& label, const std::vector<Progress>& all, double elapsed)
 {
-    total_ = 0;
-    for (TrackedFile& file : files) {
-        file.bytes = BytesWritten(file.path, file.before);
-        file.rate.Add(elapsed, file.bytes);
-        total_ += file.bytes;
-    }
-    total_rate_.Add(elapsed, total_);
-
-    std::vector<std::string> lines = Lines(files, elapsed);
-    if (!terminal_) {
-        for (const std::string& line : lines)
-            std::fprintf(out_, "progress %s\n", line.c_str());
-        std::fflush(out_);
-        return;
-    }
-    // Back to the top of the block drawn last time, then overwrite it; cut
-    // lines to the width so that none wraps and shifts the block.
-    const size_t width = TerminalWidth(out_);
-    if (drawn_ > 0)
-        std::fprintf(out_, "\033[%zuA", drawn_);
-    for (std::string& line : lines) {
-        if (line.size() >= width)
-            line.resize(width - 1);
-        std::fprintf(out_, "\r\033[2K%s\n", line.c_str());
-    }
-    // A shorter block leaves old lines below: clear to the end of the screen.
-    std::fputs("\033[J", out_);
-    drawn_ = lines.size();
-    std::fflush(out_);
-}
-
-void ProgressView::Clear()
-{
-    if (!terminal_ || drawn_ == 0)
-        return;
-    std::fprintf(out_, "\033[%zuA\r\033[J", drawn_);
-    std::fflush(out_);
-    drawn_ = 0;
-}
-
-std::vector<std::string> ProgressView::Lines(const std::vector<TrackedFile>& files, double elapsed) const
-{
-    char stamp[32];
-    std::snprintf(stamp, sizeof stamp, "[%3.0fs]", elapsed);
-    std::vector<std::string> lines;
+    int64_t received = 0;
+    int64_t known = 0;      // announced sizes, or final ones
+    size_t known_count = 0; // downloads with such a size
+    size_t unknown = 0;     // running or waiting, size not known yet
     size_t done = 0;
-    size_t unlisted = 0;
-    for (const TrackedFile& file : files) {
-        if (file.done) {
-            ++done;
-            continue;
+    size_t failed = 0;
+    for (const Progress& p : all) {
+        received += p.received;
+        done += p.done ? 1 : 0;
+        failed += p.failed ? 1 : 0;
+        // A finished download's size is what it received, whatever was announced.
+        const int64_t size = p.done ? p.received : p.expected;
+        if (size > 0 || (size == 0 && !p.done)) {
+            known += size;
+            ++known_count;
+        } else if (size < 0) {
+            ++unknown;
         }
-        if (lines.size() == kMaxListed) {
-            ++unlisted;
-            continue;
-        }
-        lines.push_back(std::string(stamp) + " " + file.label + ": " + std::to_string(file.bytes) + " bytes, " +
-                        FormatRate(file.rate.Rate()));
     }
-    if (unlisted > 0)
-        lines.push_back(std::string(stamp) + " ... and " + std::to_string(unlisted) + " more running");
-    lines.push_back(std::string(stamp) + " total: " + std::to_string(total_) + " bytes, " +
-                    FormatRate(total_rate_.Rate()) + ", " + std::to_string(done) + " of " +
-                    std::to_string(files.size()) + " done");
-    return lines;
+    rate_.Add(elapsed, received);
+    const double rate = rate_.Rate();
+
+    std::string line = all.size() == 1 ? label : std::to_string(done) + " of " + std::to_string(all.size()) + " files";
+    if (failed > 0)
+        line += " (" + std::to_string(failed) + " failed)";
+    // Files still waiting for their first answer are taken at the mean size
+    // of those announced: right for a batch of alike files, and the best guess
+    // otherwise. Without any announced size there is no percentage.
+    if (known_count > 0) {
+        const double total = static_cast<double>(known) + static_cast<double>(unknown) * static_cast<double>(known) /
+                                                              static_cast<double>(known_count);
+        const double share = total > 0 ? std::fmin(1.0, static_cast<double>(received) / total) : 1.0;
+        char percent[16];
+        std::snprintf(percent, sizeof percent, "  %3d%%", static_cast<int>(share * 100));
+        line += percent;
+        line += "  " + Size(received) + " of " + (unknown > 0 ? "~" : "") + Size(static_cast<int64_t>(total));
+        line += "  " + Size(static_cast<int64_t>(rate)) + "/s";
+        if (rate > 0 && total > static_cast<double>(received))
+            line += "  ETA " + FormatDuration((total - static_cast<double>(received)) / rate);
+    } else {
+        line += "  " + Size(received) + "  " + Size(static_cast<int64_t>(rate)) + "/s";
+    }
+    // Cut to the width, so that the line never wraps and the redraw stays on it.
+    const size_t width = TerminalWidth(out_);
+    if (line.size() >= width)
+        line.resize(width - 1);
+    std::fprintf(out_, "\r\033[K%s", line.c_str());
+    std::fflush(out_);
+    drawn_ = true;
+}
+
+void ProgressLine::Clear()
+{
+    if (!drawn_)
+        return;
+    std::fputs("\r\033[K", out_);
+    std::fflush(out_);
+    drawn_ = false;
 }
 
 } // namespace udcli

@@ -1,34 +1,19 @@
-// Live progress of running downloads, read from their destination files.
+// The progress line on a terminal: one file's, or one for all of them.
 #pragma once
-
-#include <sys/stat.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <deque>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace udcli {
 
-// What a file looked like before its request was submitted, so that a
-// rewrite can be told from an untouched file.
-struct FileState {
-    bool exists = false;
-    dev_t dev = 0;
-    ino_t ino = 0;
-    off_t size = 0;
-    struct timespec mtime = {};
-    struct timespec ctime = {};
-
-    static FileState Of(const std::string& path);
-    bool SameAs(const FileState& other) const;
-};
-
 // Bytes per second over a sliding window of samples.
 class RateMeter {
 public:
-    // Nothing is written at the start.
+    // Nothing is received at the start.
     RateMeter() { samples_.emplace_back(0.0, 0); }
     void Add(double seconds, int64_t bytes);
     double Rate() const;
@@ -37,41 +22,30 @@ private:
     std::deque<std::pair<double, int64_t>> samples_;
 };
 
-// One file being downloaded.
-struct TrackedFile {
-    std::string label;
-    std::string path;
-    FileState before;
+// Where one download stands.
+struct Progress {
+    int64_t received = 0;
+    int64_t expected = -1; // -1: not known (yet)
     bool done = false;
-    int64_t bytes = 0;
-    RateMeter rate;
+    bool failed = false;
 };
 
-// Bytes written to path since before was taken: 0 while the file is absent or
-// untouched, its size once it has been (re)created or written.
-int64_t BytesWritten(const std::string& path, const FileState& before);
-
-// "12.5 KiB/s" style rate.
-std::string FormatRate(double bytes_per_second);
-
-class ProgressView {
+class ProgressLine {
 public:
-    // terminal: redraw in place with control codes; otherwise plain lines.
-    ProgressView(std::FILE* out, bool terminal);
+    explicit ProgressLine(std::FILE* out) : out_(out) {}
 
-    // Samples every file and draws. elapsed: seconds since the start.
-    void Update(std::vector<TrackedFile>& files, double elapsed);
-    // Removes the redrawn block from a terminal before the results.
+    // Redraws the line. label names the file when there is only one.
+    void Draw(const std::string& label, const std::vector<Progress>& all, double elapsed);
+    // Removes the line before anything else is written.
     void Clear();
 
 private:
-    std::vector<std::string> Lines(const std::vector<TrackedFile>& files, double elapsed) const;
-
     std::FILE* out_;
-    bool terminal_;
-    size_t drawn_ = 0;
-    RateMeter total_rate_;
-    int64_t total_ = 0;
+    RateMeter rate_;
+    bool drawn_ = false;
 };
+
+// "m:ss" or "h:mm:ss".
+std::string FormatDuration(double seconds);
 
 } // namespace udcli
