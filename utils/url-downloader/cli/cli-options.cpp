@@ -108,6 +108,28 @@ std::string ParseSeconds(const char* text, const char* option, int32_t* out)
     return "";
 }
 
+// Default file name for a URL: its last path segment, decoded, or
+// "index.html" when that is empty or not a usable file name; url must
+// already be valid.
+std::string DefaultFileName(const std::string& url)
+{
+    GUri* uri = g_uri_parse(url.c_str(), G_URI_FLAGS_ENCODED, nullptr);
+    if (uri == nullptr)
+        return "index.html";
+    std::string path = g_uri_get_path(uri);
+    g_uri_unref(uri);
+    std::string segment = path.substr(path.rfind('/') + 1);
+    // A decoded name may not hide a folder separator or a NUL; keep it raw then.
+    gchar* decoded = g_uri_unescape_string(segment.c_str(), "/");
+    if (decoded != nullptr) {
+        segment = decoded;
+        g_free(decoded);
+    }
+    if (segment.empty() || segment == "." || segment == "..")
+        return "index.html";
+    return segment;
+}
+
 class Downloads {
 public:
     Downloads(std::string dir, Options* out) : dir_(std::move(dir)), out_(out) {}
@@ -241,25 +263,6 @@ std::string TakeOption(int opt, Options* out, Gathered* got)
 } // namespace
 
 const char* UsageText() { return kUsage; }
-
-std::string DefaultFileName(const std::string& url)
-{
-    GUri* uri = g_uri_parse(url.c_str(), G_URI_FLAGS_ENCODED, nullptr);
-    if (uri == nullptr)
-        return "index.html";
-    std::string path = g_uri_get_path(uri);
-    g_uri_unref(uri);
-    std::string segment = path.substr(path.rfind('/') + 1);
-    // A decoded name may not hide a folder separator or a NUL; keep it raw then.
-    gchar* decoded = g_uri_unescape_string(segment.c_str(), "/");
-    if (decoded != nullptr) {
-        segment = decoded;
-        g_free(decoded);
-    }
-    if (segment.empty() || segment == "." || segment == "..")
-        return "index.html";
-    return segment;
-}
 
 std::string ParseArguments(int argc, char** argv, Options* out)
 {

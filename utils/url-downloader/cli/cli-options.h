@@ -44,9 +44,4 @@ std::string ParseArguments(int argc, char** argv, Options* out);
 // The --help text.
 const char* UsageText();
 
-// Default file name for a URL: its last path segment, decoded, or
-// "index.html" when that is empty or not a usable file name. Exposed for the
-// destination rules; url must already be valid.
-std::string DefaultFileName(const std::string& url);
-
 } // namespace udcli

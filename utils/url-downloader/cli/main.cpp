@@ -150,9 +150,7 @@ gboolean OnTick(gpointer data)
         }
     }
     const double elapsed = static_cast<double>(g_get_monotonic_time() - run->start_us) / 1e6;
-    gchar* label = g_path_get_basename(run->jobs.front()->arg.path.c_str());
-    run->line->Draw(label, run->progress, elapsed);
-    g_free(label);
+    run->line->Draw(run->progress, elapsed);
     return G_SOURCE_CONTINUE;
 }
 
@@ -212,8 +210,9 @@ int ApplySettings(const Run& run)
     transport.httpOnly = true;
     url_downloader_error rc = url_downloader_set_transport(run.service, &transport);
     if (rc == URL_DOWNLOADER_ERROR_INVALID_FILE_PATH) {
-        std::fprintf(stderr, "url-downloader: cannot read the CA file or folder '%s'\n",
-                     transport.caFile != nullptr ? transport.caFile : transport.caFolder);
+        // The library does not say which of the two it could not read.
+        std::fprintf(stderr, "url-downloader: cannot read the CA file or folder given (--cacert %s, --capath %s)\n",
+                     options.ca_file.value_or("-").c_str(), options.ca_folder.value_or("-").c_str());
         return kExitFileIo;
     }
     url_downloader_limits_t limits = {};
@@ -253,7 +252,9 @@ void Download(Run& run)
     // Progress is for a person watching: never into a file or a pipe.
     guint tick = 0;
     if (!run.options.quiet && isatty(STDERR_FILENO) != 0) {
-        run.line = std::make_unique<ProgressLine>(stderr);
+        gchar* label = g_path_get_basename(run.jobs.front()->arg.path.c_str());
+        run.line = std::make_unique<ProgressLine>(stderr, label);
+        g_free(label);
         tick = g_timeout_add(250, OnTick, &run);
     }
     const guint sigint = g_unix_signal_add(SIGINT, OnSignal<SIGINT>, &run);

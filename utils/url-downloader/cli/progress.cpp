@@ -63,7 +63,7 @@ std::string FormatDuration(double seconds)
     return text;
 }
 
-void ProgressLine::Draw(const std::string& label, const std::vector<Progress>& all, double elapsed)
+void ProgressLine::Draw(const std::vector<Progress>& all, double elapsed)
 {
     int64_t received = 0;
     int64_t known = 0;      // announced sizes, or final ones
@@ -87,7 +87,7 @@ void ProgressLine::Draw(const std::string& label, const std::vector<Progress>& a
     rate_.Add(elapsed, received);
     const double rate = rate_.Rate();
 
-    std::string line = all.size() == 1 ? label : std::to_string(done) + " of " + std::to_string(all.size()) + " files";
+    std::string line = all.size() == 1 ? label_ : std::to_string(done) + " of " + std::to_string(all.size()) + " files";
     if (failed > 0)
         line += " (" + std::to_string(failed) + " failed)";
     // Files still waiting for their first answer are taken at the mean size

@@ -32,15 +32,17 @@ struct Progress {
 
 class ProgressLine {
 public:
-    explicit ProgressLine(std::FILE* out) : out_(out) {}
+    // label names the file when there is only one.
+    ProgressLine(std::FILE* out, std::string label) : out_(out), label_(std::move(label)) {}
 
-    // Redraws the line. label names the file when there is only one.
-    void Draw(const std::string& label, const std::vector<Progress>& all, double elapsed);
+    // Redraws the line.
+    void Draw(const std::vector<Progress>& all, double elapsed);
     // Removes the line before anything else is written.
     void Clear();
 
 private:
     std::FILE* out_;
+    std::string label_;
     RateMeter rate_;
     bool drawn_ = false;
 };

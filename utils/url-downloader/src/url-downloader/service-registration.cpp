@@ -65,8 +65,8 @@ bool _url_downloader_create_thread(url_downloader_error* error)
 }
 
 // What the transfer engine calls back into: the services' proxies and
-// settings, the requests' progress cells, the transfer thread's body and libcurl's callbacks, and where finished
-// transfers are reported.
+// settings, the requests' progress cells, the transfer thread's body and
+// libcurl's callbacks, and where finished transfers are reported.
 const url_downloader_engine_hooks_t kEngineHooks = {
     _url_downloader_copy_service_proxy, _url_downloader_copy_service_settings,
     _url_downloader_progress_cell,      url_downloader_download_loop,
